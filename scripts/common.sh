@@ -1,0 +1,51 @@
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# What the project's commands share: where the root is, and how packages come.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root" || exit
+
+say() { printf '== %s\n' "$*"; }
+
+# Runs a command as root: directly, or through sudo.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    echo "not root and no sudo; please run as root: $*" >&2
+    return 1
+  fi
+}
+
+# need PACKAGE...: installs those of the Debian packages that are missing.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" \
+      != installed ]; then
+      missing+=("$package")
+    fi
+  done
+  if [ "${#missing[@]}" -gt 0 ]; then
+    say "installing Debian packages: ${missing[*]}"
+    as_root apt-get update -qq
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+      --no-install-recommends "${missing[@]}"
+  fi
+}
+
+# What it takes to build the library and talk to SQLite.
+# shellcheck disable=SC2034  # the scripts that source this use it
+build_packages=(g++ cmake ninja-build unixodbc-dev uuid-dev libsqliteodbc)
+
+# configure PRESET [OPTION...]: says nothing unless it fails.
+configure() {
+  local log=build/configure-$1.log
+  mkdir -p build
+  cmake --preset "$@" >"$log" 2>&1 || {
+    cat "$log" >&2
+    return 1
+  }
+}

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+#
+# The demonstration: loads this machine's list of installed packages into an
+# SQLite file through the library, then asks three questions in SQL.
+# Usage: scripts/demo.sh [WORD]   (the word to look for; default "compiler")
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "$0")/common.sh"
+
+need "${build_packages[@]}"
+
+say "building"
+configure release -DZIRDB_BUILD_TESTS=OFF -DZIRDB_BUILD_BENCH=OFF
+cmake --build --preset release --target query
+
+examples/packages.sh build/release/examples/query "${1:-compiler}"

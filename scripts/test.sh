@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+#
+# All tests: under AddressSanitizer and UndefinedBehaviorSanitizer, the thread
+# tests under ThreadSanitizer, and everything once more as it is released.
+# Usage: scripts/test.sh [PRESET...]   (default: asan tsan release)
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "$0")/common.sh"
+
+need "${build_packages[@]}" ccache libgtest-dev \
+  odbc-postgresql postgresql odbc-mariadb mariadb-server \
+  clang-format clang-tidy shellcheck
+
+# Warnings are errors where somebody looks at every change, and only there: a
+# newer compiler's new warning must not keep a stranger from building.
+werror=OFF
+if [ -n "${CI:-}" ]; then werror=ON; fi
+
+presets=("$@")
+if [ "${#presets[@]}" -eq 0 ]; then presets=(asan tsan release); fi
+for preset in "${presets[@]}"; do
+  say "building $preset"
+  configure "$preset" -DZIRDB_WERROR=$werror -DZIRDB_BUILD_TESTS=ON \
+    -DZIRDB_BUILD_BENCH=ON
+  cmake --build --preset "$preset"
+  say "testing $preset"
+  ctest --preset "$preset"
+done

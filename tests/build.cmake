@@ -1,0 +1,36 @@
+# The build itself: what is exported and imported, that the sources build
+# without any of this, that headers stand alone, and that the tree is clean.
+
+function(zirdb_check name labels)
+  add_test(NAME ${name} COMMAND bash ${ARGN})
+  set_tests_properties(${name} PROPERTIES LABELS "${labels}" TIMEOUT 600
+                                          SKIP_RETURN_CODE 77)
+endfunction()
+set(checks "${CMAKE_CURRENT_SOURCE_DIR}/build_checks")
+
+zirdb_check(build.exports_are_the_reviewed_list package
+            "${checks}/exports.sh" $<TARGET_FILE:zirdb> "${checks}/exports.txt")
+zirdb_check(
+  build.only_the_fifteen_odbc_calls_are_imported package
+  "${checks}/odbc_imports.sh" $<TARGET_FILE:zirdb> "${checks}/odbc_imports.txt")
+zirdb_check(examples.packages "odbc;database" "${checks}/packages_example.sh"
+            $<TARGET_FILE:query> "${PROJECT_SOURCE_DIR}/examples/packages.sh")
+zirdb_check(examples.query_reports_errors "odbc;database"
+            "${checks}/query_errors.sh" $<TARGET_FILE:query>)
+
+# What follows looks at sources or at the library as released: once is enough,
+# and instrumented binaries would differ.
+if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
+  zirdb_check(build.links_only_what_it_names package
+              "${checks}/linked_libraries.sh" $<TARGET_FILE:zirdb>)
+  zirdb_check(build.sources_build_with_one_command "package;database"
+              "${checks}/plain_build.sh" "${PROJECT_SOURCE_DIR}")
+  zirdb_check(build.headers_stand_alone package "${checks}/headers.sh"
+              "${PROJECT_SOURCE_DIR}")
+  zirdb_check(lint.clang_format lint "${checks}/clang_format.sh"
+              "${PROJECT_SOURCE_DIR}")
+  zirdb_check(lint.clang_tidy "lint;slow" "${checks}/clang_tidy.sh"
+              "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}")
+  zirdb_check(lint.shellcheck lint "${checks}/shellcheck.sh"
+              "${PROJECT_SOURCE_DIR}")
+endif()
