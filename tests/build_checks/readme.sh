@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+#
+# readme.sh ROOT LIBRARY: the program in the README compiles, and prints what
+# the README says it prints.
+set -euo pipefail
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$1/README.md" >"$folder/first.cpp"
+sed -n '/^```text$/,/^```$/{/^```/d;p}' "$1/README.md" >"$folder/expected"
+"${CXX:-g++}" -std=c++17 -I"$1/src" "$folder/first.cpp" "$2" -o "$folder/first"
+LD_LIBRARY_PATH=$(dirname "$2") "$folder/first" >"$folder/printed"
+diff -u "$folder/expected" "$folder/printed"
+test -s "$folder/expected"
