@@ -7,6 +7,18 @@ cd "$root" || exit
 
 say() { printf '== %s\n' "$*"; }
 
+# quietly NAME COMMAND...: what it prints goes to build/NAME.log, and is shown
+# when it fails.
+quietly() {
+  local log=build/$1.log
+  shift
+  mkdir -p build
+  "$@" >"$log" 2>&1 || {
+    cat "$log" >&2
+    return 1
+  }
+}
+
 # Runs a command as root: directly, or through sudo.
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then
@@ -30,22 +42,12 @@ need() {
   done
   if [ "${#missing[@]}" -gt 0 ]; then
     say "installing Debian packages: ${missing[*]}"
-    as_root apt-get update -qq
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
-      --no-install-recommends "${missing[@]}"
+    quietly packages as_root apt-get update
+    quietly packages as_root env DEBIAN_FRONTEND=noninteractive \
+      apt-get install -y --no-install-recommends "${missing[@]}"
   fi
 }
 
 # What it takes to build the library and talk to SQLite.
 # shellcheck disable=SC2034  # the scripts that source this use it
 build_packages=(g++ cmake ninja-build unixodbc-dev uuid-dev libsqliteodbc)
-
-# configure PRESET [OPTION...]: says nothing unless it fails.
-configure() {
-  local log=build/configure-$1.log
-  mkdir -p build
-  cmake --preset "$@" >"$log" 2>&1 || {
-    cat "$log" >&2
-    return 1
-  }
-}

@@ -11,7 +11,7 @@ source "$(dirname "$0")/common.sh"
 need "${build_packages[@]}"
 
 say "building"
-configure release -DZIRDB_BUILD_TESTS=OFF -DZIRDB_BUILD_BENCH=OFF
+quietly configure cmake --preset release -DZIRDB_BUILD_TESTS=OFF -DZIRDB_BUILD_BENCH=OFF
 cmake --build --preset release --target query
 
 examples/packages.sh build/release/examples/query "${1:-compiler}"
