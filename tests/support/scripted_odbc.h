@@ -190,9 +190,13 @@ Cell cell(Integer value) {
 }
 inline Cell cell(double value) { return Cell(value); }
 /// Text; bytes are sent as they are, valid UTF-8 or not.
-inline Cell cell(std::string text) { return {Cell::Kind::kText, text}; }
+inline Cell cell(std::string text) {
+  return {Cell::Kind::kText, std::move(text)};
+}
 inline Cell cell(const char* text) { return cell(std::string(text)); }
-inline Cell binary(std::string bytes) { return {Cell::Kind::kBinary, bytes}; }
+inline Cell binary(std::string bytes) {
+  return {Cell::Kind::kBinary, std::move(bytes)};
+}
 /// A cell whose SQLGetData calls do exactly this, one chunk per call, and
 /// return NO_DATA afterwards (nothing written).
 inline Cell chunks(std::vector<Chunk> list) { return Cell(std::move(list)); }
