@@ -100,20 +100,18 @@ TEST_P(JourneyStatements, WritingTheSameValueAgainCountsWhereMatchesCount) {
             driver().counts_only_changed_rows ? 0 : 1);
 }
 
-TEST_P(JourneyStatements, AnInsertCanReturnRowsWhereTheDriverLooksForThem) {
+// Not SQLite: its driver's releases disagree on a RETURNING clause.
+class JourneyReturning : public JourneyStatements {};
+
+TEST_P(JourneyReturning, AnInsertReturnsRows) {
   const ZirdbOdbcResult result =
       db().run("INSERT INTO s VALUES (?, 'four') RETURNING t, id",
                {input(kInteger, integer(4))});
 
   EXPECT_EQ(result.rows_affected, 1);
-  if (driver().inserts_return_rows) {
-    ASSERT_EQ(result.rows.size(), 1u);
-    EXPECT_EQ(result.rows[0][0], text("four"));
-    EXPECT_EQ(result.rows[0][1], integer(4));
-  } else {
-    EXPECT_TRUE(result.columns.empty());
-    EXPECT_TRUE(result.rows.empty());
-  }
+  ASSERT_EQ(result.rows.size(), 1u);
+  EXPECT_EQ(result.rows[0][0], text("four"));
+  EXPECT_EQ(result.rows[0][1], integer(4));
   EXPECT_EQ(db().value_of("SELECT t FROM s WHERE id = 4"), text("four"));
 }
 
@@ -239,6 +237,8 @@ TEST_P(JourneyStatements, ATransactionCanBeRolledBack) {
 }
 
 ZIRDB_FOR_EVERY_DRIVER(JourneyStatements);
+INSTANTIATE_TEST_SUITE_P(, JourneyReturning,
+                         testing::Values(&kPostgres, &kMariadb), driver_name);
 
 // Drivers that can be told to fetch row by row, where a failure can come late.
 struct RowByRow {

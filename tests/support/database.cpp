@@ -250,11 +250,10 @@ TemporaryFolder::~TemporaryFolder() {
 // Drivers
 // ---------------------------------------------------------------------------
 
-// SQLite's driver binds a missing buffer as NULL, and takes only a SELECT for
-// something that has rows. It reads doubles through SQLite's text form, which
-// has 15 digits, and SQLite itself stores -0.0 as the integer 0. Text is kept
-// as bytes, valid or not; a wide text is converted up to its first NUL. All of
-// SQLite's own errors come under one SQLSTATE.
+// SQLite's driver binds a missing buffer as NULL. It reads doubles through
+// SQLite's text form, which has 15 digits, and SQLite itself stores -0.0 as the
+// integer 0. Text is kept as bytes, valid or not; a wide text is converted up
+// to its first NUL. All of SQLite's own errors come under one SQLSTATE.
 const Driver kSqlite = {
     /*name=*/"SQLite",
     /*registered_as=*/"SQLite3",
@@ -274,7 +273,6 @@ const Driver kSqlite = {
     /*no_matching_row_fails=*/true,
     /*counts_only_changed_rows=*/false,
     /*runs_several_statements=*/false,
-    /*inserts_return_rows=*/false,
     /*syntax_error_state=*/"HY000",
     /*duplicate_key_state=*/"HY000",
     /*missing_table_state=*/"HY000",
@@ -308,7 +306,6 @@ const Driver kPostgres = {
     /*no_matching_row_fails=*/true,
     /*counts_only_changed_rows=*/false,
     /*runs_several_statements=*/true,
-    /*inserts_return_rows=*/true,
     /*syntax_error_state=*/"42601",
     /*duplicate_key_state=*/"23505",
     /*missing_table_state=*/"42P01",
@@ -324,8 +321,8 @@ const Driver kPostgres = {
 // MariaDB's driver binds a missing buffer as NULL and takes a count of 0 for a
 // success. The server counts the rows an UPDATE changed, not those it matched;
 // verifies UTF-8, but lets encoded surrogates pass; keeps identifiers in three
-// bytes per character; and loses the sign of -0.0. Its BOOLEAN is a TINYINT, so
-// that BIT(1) is the type with two values.
+// bytes per character; and before 11 loses the sign of -0.0. Its BOOLEAN is a
+// TINYINT, so that BIT(1) is the type with two values.
 const Driver kMariadb = {
     /*name=*/"MariaDB",
     /*registered_as=*/"MariaDB Unicode",
@@ -345,7 +342,6 @@ const Driver kMariadb = {
     /*no_matching_row_fails=*/false,
     /*counts_only_changed_rows=*/true,
     /*runs_several_statements=*/false,
-    /*inserts_return_rows=*/true,
     /*syntax_error_state=*/"42000",
     /*duplicate_key_state=*/"23000",
     /*missing_table_state=*/"42S02",

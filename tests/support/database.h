@@ -137,7 +137,7 @@ struct Driver {
   EmptyInput empty_input;
   bool shows_booleans_as_text;
   bool keeps_only_15_digits;
-  bool keeps_negative_zero;
+  bool keeps_negative_zero;        ///< MariaDB: before version 11
   const char* invalid_utf8_state;  ///< null: the bytes are kept
   bool accepts_surrogates_in_utf8;
   int stored_of_a_nul_b;  ///< bytes kept of the wide text "a", NUL, "b"
@@ -146,7 +146,6 @@ struct Driver {
   bool no_matching_row_fails;
   bool counts_only_changed_rows;
   bool runs_several_statements;
-  bool inserts_return_rows;  ///< INSERT ... RETURNING
   const char* syntax_error_state;
   const char* duplicate_key_state;
   const char* missing_table_state;
