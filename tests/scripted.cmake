@@ -68,6 +68,15 @@ function(zirdb_scripted_test name)
   elseif(arg_DRIVER_ONLY)
     set(faces driver)
   endif()
+  # Compiled once: what differs between the faces is what it is linked with.
+  add_library(${name}_objects OBJECT ${arg_SOURCES})
+  target_include_directories(${name}_objects
+                             PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}")
+  target_include_directories(${name}_objects SYSTEM
+                             PRIVATE "${ZIRDB_ODBC_INCLUDE_DIR}")
+  target_link_libraries(
+    ${name}_objects PRIVATE zirdb_warnings zirdb_instrumentation zirdb::zirdb
+                            ${arg_LIBRARIES} GTest::gtest)
   foreach(face ${faces})
     set(prefix ${face}/)
     if(face STREQUAL "driver")
@@ -76,7 +85,7 @@ function(zirdb_scripted_test name)
     set(program ${name}_${face})
     zirdb_test_program(
       ${program}
-      SOURCES ${arg_SOURCES}
+      SOURCES $<TARGET_OBJECTS:${name}_objects>
       LIBRARIES scripted_face_${face} ${arg_LIBRARIES})
     zirdb_discover(${program} PREFIX ${prefix} LABELS odbc ${arg_LABELS})
     if(face STREQUAL "driver")

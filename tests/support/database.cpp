@@ -105,75 +105,23 @@ void PrintTo(const ZirdbOdbcValue& value, std::ostream* out) {
 }
 
 namespace zirdb_test {
-namespace {
-
-ZirdbOdbcValue of_kind(ZirdbOdbcValueKind kind) {
-  ZirdbOdbcValue value;
-  value.kind = kind;
-  return value;
-}
-
-ZirdbOdbcParameter parameter(DataType type, std::int64_t direction,
-                             std::int64_t size, ZirdbOdbcValue value) {
-  ZirdbOdbcParameter result;
-  result.type = type;
-  result.direction = direction;
-  result.size = size;
-  result.value = std::move(value);
-  return result;
-}
-
-}  // namespace
-
-ZirdbOdbcValue null_value() { return {}; }
-
-ZirdbOdbcValue boolean(bool value) {
-  ZirdbOdbcValue result = of_kind(ZirdbOdbcValueKind::Bool);
-  result.bool_value = value;
-  return result;
-}
-
-ZirdbOdbcValue integer(std::int64_t value) {
-  ZirdbOdbcValue result = of_kind(ZirdbOdbcValueKind::Int64);
-  result.int64_value = value;
-  return result;
-}
-
-ZirdbOdbcValue real(double value) {
-  ZirdbOdbcValue result = of_kind(ZirdbOdbcValueKind::Double);
-  result.double_value = value;
-  return result;
-}
-
-ZirdbOdbcValue text(std::string utf8) {
-  ZirdbOdbcValue result = of_kind(ZirdbOdbcValueKind::Text);
-  result.text_value = std::move(utf8);
-  return result;
-}
-
-ZirdbOdbcValue bytes(const std::string& content) {
-  ZirdbOdbcValue result = of_kind(ZirdbOdbcValueKind::Binary);
-  result.binary_value.assign(content.begin(), content.end());
-  return result;
-}
-
 ZirdbOdbcParameter input(DataType type, ZirdbOdbcValue value) {
-  return parameter(type, 1, 0, std::move(value));
+  return parameter(type, odbc_parameters::kInput, 0, std::move(value));
 }
 
 ZirdbOdbcParameter output(DataType type, std::int64_t size,
                           ZirdbOdbcValue value) {
-  return parameter(type, 2, size, std::move(value));
+  return parameter(type, odbc_parameters::kOutput, size, std::move(value));
 }
 
 ZirdbOdbcParameter input_output(DataType type, std::int64_t size,
                                 ZirdbOdbcValue value) {
-  return parameter(type, 3, size, std::move(value));
+  return parameter(type, odbc_parameters::kInputOutput, size, std::move(value));
 }
 
 ZirdbOdbcParameter return_value(DataType type, std::int64_t size,
                                 ZirdbOdbcValue value) {
-  return parameter(type, 4, size, std::move(value));
+  return parameter(type, odbc_parameters::kReturnValue, size, std::move(value));
 }
 
 // ---------------------------------------------------------------------------

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "support/odbc_parameters.h"
 #include "zirdb_odbc.h"
 
 // Compares the kind and the payload it names; doubles by their bits, so that
@@ -31,27 +32,24 @@ namespace zirdb_test {
 // Values and parameters
 // ---------------------------------------------------------------------------
 
-ZirdbOdbcValue null_value();
-ZirdbOdbcValue boolean(bool value);
-ZirdbOdbcValue integer(std::int64_t value);
-ZirdbOdbcValue real(double value);
-ZirdbOdbcValue text(std::string utf8);
-ZirdbOdbcValue bytes(const std::string& content);
+using odbc_parameters::Parameters;
+using DataType = odbc_parameters::Type;
+using odbc_parameters::kBigint;
+using odbc_parameters::kBoolean;
+using odbc_parameters::kByKind;
+using odbc_parameters::kGuid;
+using odbc_parameters::kInteger;
+using odbc_parameters::kVarbinary;
+using odbc_parameters::kVarchar;
+using odbc_parameters::kVarwchar;
 
-/// Data type codes of parameters. kByKind stands for all the codes that say
-/// nothing, where the value's kind decides.
-enum DataType : std::int64_t {
-  kByKind = 0,
-  kInteger = 3,
-  kBoolean = 11,
-  kBigint = 20,
-  kGuid = 72,
-  kVarchar = 200,
-  kVarwchar = 202,
-  kVarbinary = 204,
-};
-
-using Parameters = std::vector<ZirdbOdbcParameter>;
+using odbc_parameters::boolean;
+using odbc_parameters::bytes;
+using odbc_parameters::integer;
+using odbc_parameters::null_value;
+using odbc_parameters::parameter;
+using odbc_parameters::real;
+using odbc_parameters::text;
 
 ZirdbOdbcParameter input(DataType type, ZirdbOdbcValue value);
 ZirdbOdbcParameter output(DataType type, std::int64_t size = 0,

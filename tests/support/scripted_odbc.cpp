@@ -533,12 +533,14 @@ SQLRETURN Engine::run(Handle& statement) {
 }
 
 SQLRETURN Engine::forbidden(const char* name) {
+  const AtWork at_work;
   const std::lock_guard<std::mutex> lock(mutex_);
   complain(std::string("forbidden call: ") + name);
   return SQL_ERROR;
 }
 
 SQLRETURN Engine::manager_call(const char* name) {
+  const AtWork at_work;
   const std::lock_guard<std::mutex> lock(mutex_);
   manager_log_.push_back({name, name, {}, SQL_ERROR});
   return SQL_ERROR;

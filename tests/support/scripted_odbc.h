@@ -129,7 +129,9 @@ inline Chunk chunk(int code, std::string bytes, std::optional<SQLLEN> indicator,
 
 /// The bytes of a number as they lie in memory: bytes_of(std::int64_t{7}),
 /// bytes_of(1.5), bytes_of<unsigned char>(2).
-template <typename T>
+template <
+    typename T,
+    std::enable_if_t<!std::is_convertible_v<T, std::u16string_view>, int> = 0>
 std::string bytes_of(T value) {
   static_assert(std::is_trivially_copyable_v<T>);
   std::string bytes(sizeof(T), '\0');

@@ -20,6 +20,13 @@
 
 #include "support/scripted_odbc.h"
 
+/// A program that has to tell the work of this database from that of the
+/// library under test (whose allocation is this?) defines it; null otherwise.
+/// Called with true at the begin of every ODBC call and with false at its end,
+/// on the thread of the call.
+extern "C" __attribute__((weak, visibility("default"))) void
+scripted_odbc_at_work(bool entered);
+
 namespace scripted_odbc {
 
 class Engine {
@@ -141,6 +148,20 @@ class Engine {
   std::vector<Call> manager_log_;
   std::vector<std::vector<Sent>> executions_;
   std::vector<std::string> complaints_;
+};
+
+/// For as long as the database serves a call; see scripted_odbc_at_work.
+class AtWork {
+ public:
+  AtWork() { tell(true); }
+  ~AtWork() { tell(false); }
+  AtWork(const AtWork&) = delete;
+  AtWork& operator=(const AtWork&) = delete;
+
+ private:
+  static void tell(bool entered) {
+    if (scripted_odbc_at_work != nullptr) scripted_odbc_at_work(entered);
+  }
 };
 
 /// The one engine of this image (program or driver).

@@ -8,9 +8,20 @@
 #include "support/scripted_odbc_engine.h"
 
 namespace {
-scripted_odbc::Engine& engine() {
-  return scripted_odbc::this_script().engine();
-}
+
+/// The engine of this image, at work until the end of the full expression.
+class WorkingEngine {
+ public:
+  scripted_odbc::Engine* operator->() const {
+    return &scripted_odbc::this_script().engine();
+  }
+
+ private:
+  scripted_odbc::AtWork at_work_;
+};
+
+WorkingEngine engine() { return {}; }
+
 }  // namespace
 
 #pragma GCC visibility push(default)
@@ -19,12 +30,12 @@ extern "C" {
 
 SQLRETURN SQL_API SQLAllocHandle(SQLSMALLINT type, SQLHANDLE input,
                                  SQLHANDLE* output) {
-  return engine().alloc_handle(type, input, output);
+  return engine()->alloc_handle(type, input, output);
 }
 
 SQLRETURN SQL_API SQLSetEnvAttr(SQLHENV env, SQLINTEGER attribute,
                                 SQLPOINTER value, SQLINTEGER length) {
-  return engine().set_env_attr(env, attribute, value, length);
+  return engine()->set_env_attr(env, attribute, value, length);
 }
 
 SQLRETURN SQL_API SQLDriverConnect(SQLHDBC dbc, SQLHWND window, SQLCHAR* string,
@@ -32,30 +43,30 @@ SQLRETURN SQL_API SQLDriverConnect(SQLHDBC dbc, SQLHWND window, SQLCHAR* string,
                                    SQLSMALLINT out_size,
                                    SQLSMALLINT* out_length,
                                    SQLUSMALLINT completion) {
-  return engine().driver_connect(dbc, window, string, length, out, out_size,
-                                 out_length, completion);
+  return engine()->driver_connect(dbc, window, string, length, out, out_size,
+                                  out_length, completion);
 }
 
 SQLRETURN SQL_API SQLDisconnect(SQLHDBC dbc) {
-  return engine().disconnect(dbc);
+  return engine()->disconnect(dbc);
 }
 
 SQLRETURN SQL_API SQLFreeHandle(SQLSMALLINT type, SQLHANDLE handle) {
-  return engine().free_handle(type, handle);
+  return engine()->free_handle(type, handle);
 }
 
 SQLRETURN SQL_API SQLPrepare(SQLHSTMT statement, SQLCHAR* sql,
                              SQLINTEGER length) {
-  return engine().prepare(statement, sql, length);
+  return engine()->prepare(statement, sql, length);
 }
 
 SQLRETURN SQL_API SQLExecute(SQLHSTMT statement) {
-  return engine().execute(statement);
+  return engine()->execute(statement);
 }
 
 SQLRETURN SQL_API SQLExecDirect(SQLHSTMT statement, SQLCHAR* sql,
                                 SQLINTEGER length) {
-  return engine().exec_direct(statement, sql, length);
+  return engine()->exec_direct(statement, sql, length);
 }
 
 SQLRETURN SQL_API SQLBindParameter(SQLHSTMT statement, SQLUSMALLINT number,
@@ -63,13 +74,13 @@ SQLRETURN SQL_API SQLBindParameter(SQLHSTMT statement, SQLUSMALLINT number,
                                    SQLSMALLINT sql_type, SQLULEN column_size,
                                    SQLSMALLINT digits, SQLPOINTER buffer,
                                    SQLLEN buffer_length, SQLLEN* indicator) {
-  return engine().bind_parameter(statement, number, direction, c_type, sql_type,
-                                 column_size, digits, buffer, buffer_length,
-                                 indicator);
+  return engine()->bind_parameter(statement, number, direction, c_type,
+                                  sql_type, column_size, digits, buffer,
+                                  buffer_length, indicator);
 }
 
 SQLRETURN SQL_API SQLNumResultCols(SQLHSTMT statement, SQLSMALLINT* count) {
-  return engine().num_result_cols(statement, count);
+  return engine()->num_result_cols(statement, count);
 }
 
 SQLRETURN SQL_API SQLDescribeCol(SQLHSTMT statement, SQLUSMALLINT column,
@@ -77,31 +88,31 @@ SQLRETURN SQL_API SQLDescribeCol(SQLHSTMT statement, SQLUSMALLINT column,
                                  SQLSMALLINT* name_length, SQLSMALLINT* type,
                                  SQLULEN* size, SQLSMALLINT* digits,
                                  SQLSMALLINT* nullable) {
-  return engine().describe_col(statement, column, name, name_size, name_length,
-                               type, size, digits, nullable);
+  return engine()->describe_col(statement, column, name, name_size, name_length,
+                                type, size, digits, nullable);
 }
 
 SQLRETURN SQL_API SQLFetch(SQLHSTMT statement) {
-  return engine().fetch(statement);
+  return engine()->fetch(statement);
 }
 
 SQLRETURN SQL_API SQLGetData(SQLHSTMT statement, SQLUSMALLINT column,
                              SQLSMALLINT c_type, SQLPOINTER buffer,
                              SQLLEN buffer_length, SQLLEN* indicator) {
-  return engine().get_data(statement, column, c_type, buffer, buffer_length,
-                           indicator);
+  return engine()->get_data(statement, column, c_type, buffer, buffer_length,
+                            indicator);
 }
 
 SQLRETURN SQL_API SQLRowCount(SQLHSTMT statement, SQLLEN* count) {
-  return engine().row_count(statement, count);
+  return engine()->row_count(statement, count);
 }
 
 SQLRETURN SQL_API SQLGetDiagRec(SQLSMALLINT type, SQLHANDLE handle,
                                 SQLSMALLINT record, SQLCHAR* state,
                                 SQLINTEGER* native, SQLCHAR* message,
                                 SQLSMALLINT message_size, SQLSMALLINT* length) {
-  return engine().get_diag_rec(type, handle, record, state, native, message,
-                               message_size, length);
+  return engine()->get_diag_rec(type, handle, record, state, native, message,
+                                message_size, length);
 }
 
 }  // extern "C"

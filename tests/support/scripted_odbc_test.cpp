@@ -114,4 +114,9 @@ TEST_F(StandIn, AMisspeltEntryPointIsRefused) {
   EXPECT_THROW(script().fail("SQLFetsch", SQL_ERROR), std::invalid_argument);
 }
 
+TEST_F(StandIn, BytesOfUtf16TextAreItsUnitsWithoutATerminator) {
+  EXPECT_EQ(bytes_of(u"ab"), std::string("a\0b\0", 4));
+  EXPECT_EQ(bytes_of(std::u16string{0xD83D}), "\x3D\xD8");
+}
+
 }  // namespace
