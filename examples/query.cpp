@@ -187,6 +187,7 @@ std::vector<ZirdbOdbcParameter> parameters_of(const std::string& line) {
 int run_statement(const Connection& connection, const std::string& statement,
                   const std::vector<std::string>& values) {
   std::vector<ZirdbOdbcParameter> parameters;
+  parameters.reserve(values.size());
   for (const std::string& value : values) {
     parameters.push_back(text_parameter(value));
   }

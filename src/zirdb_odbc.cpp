@@ -551,9 +551,9 @@ class CellReader {
         return read_binary(column, sink);
       case ReadAs::Guid:
       case ReadAs::Text:
-        return read_text(column, type, sink);
+        break;
     }
-    return false;
+    return read_text(column, type, sink);
   }
 
  private:
