@@ -5,11 +5,13 @@ include(GoogleTest)
 add_custom_target(thread_tests)
 
 # zirdb_discover(program LABELS label... [PREFIX text] [FILTER pattern]
-#                [LIST name] [PROPERTIES property value...])
+#                [LIST name] [ENVIRONMENT name=value...]
+#                [PROPERTIES property value...])
 # Each test of a program, or of the part that the filter selects, becomes a
 # CTest test. Two parts of one program need a LIST name each.
 function(zirdb_discover program)
-  cmake_parse_arguments(arg "" "PREFIX;FILTER;LIST" "LABELS;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(arg "" "PREFIX;FILTER;LIST" "LABELS;ENVIRONMENT;PROPERTIES"
+                        ${ARGN})
   if(NOT arg_LIST)
     set(arg_LIST ${program}_TESTS)
   endif()
@@ -20,13 +22,15 @@ function(zirdb_discover program)
     TEST_LIST ${arg_LIST} NO_PRETTY_VALUES
     DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT 120 ${arg_PROPERTIES})
-  # The labels are set when CTest reads the tests: gtest_discover_tests would
-  # take a list of them apart.
+  # Lists are set when CTest reads the tests: gtest_discover_tests would take
+  # them apart.
   set(script "${CMAKE_CURRENT_BINARY_DIR}/${arg_LIST}_labels.cmake")
   file(
     WRITE "${script}"
     "foreach(test IN LISTS ${arg_LIST})
-  set_tests_properties(\"\${test}\" PROPERTIES LABELS \"${arg_LABELS}\")
+  set_tests_properties(
+    \"\${test}\" PROPERTIES LABELS \"${arg_LABELS}\"
+    ENVIRONMENT \"${arg_ENVIRONMENT}\")
 endforeach()
 ")
   set_property(

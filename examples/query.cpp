@@ -54,6 +54,11 @@ int fail(std::string_view text) {
   return EXIT_FAILURE;
 }
 
+// Success is only what reached its reader.
+int succeed() {
+  return std::cout.flush() ? EXIT_SUCCESS : fail("cannot write the output");
+}
+
 // One character a code point: good enough to line columns up.
 bool starts_character(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
@@ -201,7 +206,7 @@ int run_statement(const Connection& connection, const std::string& statement,
   } else {
     print_table(result);
   }
-  return EXIT_SUCCESS;
+  return succeed();
 }
 
 // All lines or none: one transaction, which a failing line leaves unfinished
@@ -227,7 +232,7 @@ int run_per_line(const Connection& connection, const std::string& statement) {
   }
   std::cout << counted(affected, "row") << " affected by "
             << counted(lines, "line") << '\n';
-  return EXIT_SUCCESS;
+  return succeed();
 }
 
 }  // namespace

@@ -35,16 +35,17 @@ as_root() {
 need() {
   local missing=() package
   for package in "$@"; do
-    if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" \
-      != installed ]; then
-      missing+=("$package")
-    fi
+    # One line per architecture it is installed for.
+    dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null |
+      grep -qx installed || missing+=("$package")
   done
   if [ "${#missing[@]}" -gt 0 ]; then
     say "installing Debian packages: ${missing[*]}"
-    quietly packages as_root apt-get update
+    # A machine that has just started may be updating itself.
+    local apt=(apt-get -o DPkg::Lock::Timeout=300)
+    quietly packages as_root "${apt[@]}" update
     quietly packages as_root env DEBIAN_FRONTEND=noninteractive \
-      apt-get install -y --no-install-recommends "${missing[@]}"
+      "${apt[@]}" install -y --no-install-recommends "${missing[@]}"
   fi
 }
 

@@ -11,7 +11,8 @@ source "$(dirname "$0")/common.sh"
 need "${build_packages[@]}"
 
 say "building"
-quietly configure cmake --preset release -DZIRDB_BUILD_TESTS=OFF -DZIRDB_BUILD_BENCH=OFF
-cmake --build --preset release --target query
+quietly configure cmake --preset release -B build/demo \
+  -DZIRDB_BUILD_TESTS=OFF -DZIRDB_BUILD_BENCH=OFF
+cmake --build build/demo --target query
 
-examples/packages.sh build/release/examples/query "${1:-compiler}"
+examples/packages.sh build/demo/examples/query "${1:-compiler}"

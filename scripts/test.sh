@@ -21,8 +21,7 @@ presets=("$@")
 if [ "${#presets[@]}" -eq 0 ]; then presets=(asan tsan release); fi
 for preset in "${presets[@]}"; do
   say "building $preset"
-  quietly configure cmake --preset "$preset" -DZIRDB_WERROR=$werror -DZIRDB_BUILD_TESTS=ON \
-    -DZIRDB_BUILD_BENCH=ON
+  quietly configure cmake --preset "$preset" -DZIRDB_WERROR=$werror
   cmake --build --preset "$preset"
   say "testing $preset"
   ctest --preset "$preset"

@@ -282,7 +282,8 @@ void fill_varwchar(BoundParameter& bound, const ZirdbOdbcParameter& parameter) {
             declared_size_or(parameter, length));
   make_room(bound.wide_value, bound.input_output_type, bound.column_size + 1);
   // Deliberate: the length of the whole text, also where a smaller declared
-  // size has just cut it, so that the driver can report the truncation.
+  // size has just cut it. A driver that believes it finds the units it counts:
+  // cutting a vector leaves them where they were, behind its end.
   bound.indicator = indicator_in(
       bound, value, static_cast<SQLLEN>(length * sizeof(SQLWCHAR)));
 }
@@ -295,7 +296,7 @@ void fill_varbinary(BoundParameter& bound,
             declared_size_or(parameter, std::max<std::size_t>(length, 1)));
   bound.binary_value = value.binary_value;
   make_room(bound.binary_value, bound.input_output_type, bound.column_size);
-  // The whole value's length even where it was cut, as for wide text.
+  // The whole value's length even where it was cut: see fill_varwchar.
   bound.indicator = indicator_in(bound, value, static_cast<SQLLEN>(length));
 }
 
@@ -442,6 +443,7 @@ std::size_t text_units(const Buffer& buffer, SQLLEN indicator) {
                   buffer.size());
 }
 
+// The payload before the kind, so that what throws leaves the value whole.
 void read_back(const BoundParameter& bound, ZirdbOdbcValue& value) {
   if (bound.indicator == SQL_NULL_DATA) {
     // Swapped, not assigned: large storage must not stay behind a NULL.
@@ -474,21 +476,21 @@ void read_back(const BoundParameter& bound, ZirdbOdbcValue& value) {
     case SQL_C_BINARY: {
       const auto count = std::clamp<SQLLEN>(
           bound.indicator, 0, static_cast<SQLLEN>(bound.binary_value.size()));
-      value.kind = ZirdbOdbcValueKind::Binary;
       value.binary_value.assign(bound.binary_value.begin(),
                                 bound.binary_value.begin() + count);
+      value.kind = ZirdbOdbcValueKind::Binary;
       break;
     }
     case SQL_C_WCHAR: {
       const std::size_t count = text_units(bound.wide_value, bound.indicator);
-      value.kind = ZirdbOdbcValueKind::Text;
       value.text_value = sqlwchar_to_utf8(bound.wide_value, count);
+      value.kind = ZirdbOdbcValueKind::Text;
       break;
     }
     default:
-      value.kind = ZirdbOdbcValueKind::Text;
       value.text_value.assign(bound.text_value, 0,
                               text_units(bound.text_value, bound.indicator));
+      value.kind = ZirdbOdbcValueKind::Text;
       break;
   }
 }
@@ -557,8 +559,9 @@ class CellReader {
   }
 
  private:
-  // Bounds a driver that reports "more to come" and delivers nothing, which
-  // would otherwise hold the caller for ever.
+  // Bounds a driver that goes on reporting "more to come" and delivers nothing
+  // (for bytes: says itself that nothing is left), which would otherwise hold
+  // the caller for ever.
   static constexpr int kIdleChunks = 65536;
 
   template <typename Number, SQLSMALLINT kCType, typename Argument>
@@ -582,68 +585,78 @@ class CellReader {
     if (!fetch_text_value(column, text)) return false;
     if (!text) {
       sink.null_cell();
-    } else if (type == ReadAs::Guid && !text->empty() && text->front() != '{') {
-      sink.text_cell(std::string("{").append(*text).append("}"));
-    } else {
-      sink.text_cell(*text);
+      return true;
     }
+    if (type == ReadAs::Guid && !text->empty() && text->front() != '{') {
+      if (text->data() != joined_.data()) joined_ = *text;
+      joined_.insert(0, 1, '{').push_back('}');
+      text = joined_;
+    }
+    sink.text_cell(*text);
     return true;
   }
 
-  // Reads one character column. The text is valid until the next read; NULL
-  // leaves it without a value.
+  bool read_binary(SQLUSMALLINT column, ZirdbOdbcSink& sink) {
+    std::optional<std::string_view> bytes;
+    if (!fetch_chunks(column, SQL_C_BINARY, bytes)) return false;
+    if (!bytes) {
+      sink.null_cell();
+      return true;
+    }
+    sink.binary_cell(reinterpret_cast<const unsigned char*>(bytes->data()),
+                     bytes->size());
+    return true;
+  }
+
   bool fetch_text_value(SQLUSMALLINT column,
                         std::optional<std::string_view>& text) {
+    return fetch_chunks(column, SQL_C_CHAR, text);
+  }
+
+  // Reads a column of any length. The content is valid until the next read;
+  // NULL leaves it without a value.
+  bool fetch_chunks(SQLUSMALLINT column, SQLSMALLINT c_type,
+                    std::optional<std::string_view>& content) {
     joined_.clear();
     SQLLEN indicator = 0;
     for (int idle = 0; idle < kIdleChunks; ++idle) {
-      const SQLRETURN code = get_chunk(column, SQL_C_CHAR, indicator);
+      const SQLRETURN code = get_chunk(column, c_type, indicator);
       if (indicator == SQL_NULL_DATA) return true;
       if (code == SQL_NO_DATA) {
-        text = joined_;
+        content = joined_;
         return true;
       }
       if (!succeeded(code)) return false;
-      // The indicator is not asked: it may be the length still to come, the
-      // length of this chunk or SQL_NO_TOTAL. The last byte is a terminator.
-      const std::string_view chunk(chunk_, strnlen(chunk_, sizeof chunk_ - 1));
+      const std::string_view chunk(chunk_, c_type == SQL_C_CHAR
+                                               ? text_length()
+                                               : byte_count(code, indicator));
       if (code == SQL_SUCCESS && joined_.empty()) {
-        text = chunk;
+        content = chunk;
         return true;
       }
       joined_.append(chunk);
       if (code == SQL_SUCCESS) {
-        text = joined_;
+        content = joined_;
         return true;
       }
-      if (!chunk.empty()) idle = 0;
+      const bool delivered =
+          c_type == SQL_C_CHAR ? !chunk.empty() : indicator != 0;
+      if (delivered) idle = 0;
     }
     return false;
   }
 
-  bool read_binary(SQLUSMALLINT column, ZirdbOdbcSink& sink) {
-    joined_.clear();
-    SQLLEN indicator = 0;
-    SQLRETURN code = SQL_SUCCESS_WITH_INFO;
-    while (code == SQL_SUCCESS_WITH_INFO) {
-      code = get_chunk(column, SQL_C_BINARY, indicator);
-      if (indicator == SQL_NULL_DATA) {
-        sink.null_cell();
-        return true;
-      }
-      if (code == SQL_NO_DATA) break;
-      if (!succeeded(code)) return false;
-      const bool filled =
-          code == SQL_SUCCESS_WITH_INFO || indicator == SQL_NO_TOTAL;
-      const auto count =
-          filled ? sizeof chunk_
-                 : static_cast<std::size_t>(std::clamp<SQLLEN>(
-                       indicator, 0, static_cast<SQLLEN>(sizeof chunk_)));
-      joined_.append(chunk_, count);
+  // The indicator is not asked: it may be the length still to come, the length
+  // of this chunk or SQL_NO_TOTAL. The last byte is the terminator's.
+  std::size_t text_length() const { return strnlen(chunk_, sizeof chunk_ - 1); }
+
+  // "More to come" says that the buffer is full, whatever the indicator says.
+  std::size_t byte_count(SQLRETURN code, SQLLEN indicator) const {
+    if (code == SQL_SUCCESS_WITH_INFO || indicator == SQL_NO_TOTAL) {
+      return sizeof chunk_;
     }
-    sink.binary_cell(reinterpret_cast<const unsigned char*>(joined_.data()),
-                     joined_.size());
-    return true;
+    return static_cast<std::size_t>(
+        std::clamp<SQLLEN>(indicator, 0, static_cast<SQLLEN>(sizeof chunk_)));
   }
 
   // The driver finds zeros, so that what it does not write cannot show what an

@@ -32,6 +32,9 @@
 #ifndef ZIRDB_API
 #define ZIRDB_API __attribute__((visibility("default")))
 #endif
+#ifndef ZIRDB_INTERNAL
+#define ZIRDB_INTERNAL __attribute__((visibility("hidden")))
+#endif
 
 // ---------------------------------------------------------------------------
 // Values and columns
@@ -77,11 +80,13 @@ struct ZirdbOdbcParameter {
   /// Any other number is an input.
   std::int64_t direction = 0;
   /// Declared size in characters (text) or bytes (binary); 0 or less: none.
-  /// It sizes the buffers of output and input-output parameters.
+  /// Sent to the driver as the column size; it also sizes the buffers of output
+  /// and input-output parameters, to which an input-output value is cut.
   std::int64_t size = 0;
-  /// The value to send; after a successful execution the value read back from
-  /// the binding buffer, for input parameters too (an INTEGER comes back as
-  /// Int64, a VARWCHAR as Text). After a failure it is unchanged.
+  /// The value to send (text other than VARWCHAR up to its first NUL); after a
+  /// successful execution the value read back from the binding buffer, for
+  /// input parameters too (an INTEGER comes back as Int64, a VARWCHAR as Text).
+  /// After a failure it is unchanged.
   ZirdbOdbcValue value;
 };
 
@@ -111,7 +116,7 @@ struct ZirdbOdbcResult {
 /// a statement without a result set. A failure can follow any call: a row
 /// without its end_row is to be dropped, finished rows and columns stay. Views
 /// are valid during the call only. What a sink throws leaves the execution.
-class ZirdbOdbcSink {
+class ZIRDB_INTERNAL ZirdbOdbcSink {
  public:
   virtual void begin_columns(std::size_t count) = 0;  ///< count is 1 or more
   virtual void column(std::string_view name, std::int16_t sql_type) = 0;
@@ -136,10 +141,10 @@ class ZirdbOdbcSink {
 /// otherwise as zirdb_odbc_execute_internal. `parameters` may be null.
 /// Stores the affected-row count through `rows_affected` on success (0 before)
 /// and the failure text in `error` (empty before). `handle_ptr` must be open.
-bool zirdb_odbc_execute_into(void* handle_ptr, const std::string& sql,
-                             std::vector<ZirdbOdbcParameter>* parameters,
-                             ZirdbOdbcSink& sink, std::int64_t& rows_affected,
-                             std::string& error);
+ZIRDB_INTERNAL bool zirdb_odbc_execute_into(
+    void* handle_ptr, const std::string& sql,
+    std::vector<ZirdbOdbcParameter>* parameters, ZirdbOdbcSink& sink,
+    std::int64_t& rows_affected, std::string& error);
 
 // ---------------------------------------------------------------------------
 // The exported functions
@@ -170,7 +175,8 @@ ZIRDB_API bool zirdb_odbc_execute(void* handle_ptr, const std::string& sql,
 /// The same with parameters: when `parameters` is neither null nor empty the
 /// statement is prepared and they are bound by position. After success every
 /// parameter's value has been read back. Throws std::range_error for invalid
-/// UTF-8 in a VARWCHAR parameter and for invalid UTF-16 read back from one,
+/// UTF-8 in a VARWCHAR parameter and for invalid UTF-16 read back from one (the
+/// parameters before it have then been read back, those from it on have not),
 /// std::length_error or std::bad_alloc for declared sizes beyond memory.
 ZIRDB_API bool zirdb_odbc_execute(void* handle_ptr, const std::string& sql,
                                   std::vector<ZirdbOdbcParameter>* parameters,

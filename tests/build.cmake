@@ -13,10 +13,13 @@ zirdb_check(build.exports_are_the_reviewed_list package
 zirdb_check(
   build.only_the_fifteen_odbc_calls_are_imported package
   "${checks}/odbc_imports.sh" $<TARGET_FILE:zirdb> "${checks}/odbc_imports.txt")
-zirdb_check(examples.packages "odbc;database" "${checks}/packages_example.sh"
-            $<TARGET_FILE:query> "${PROJECT_SOURCE_DIR}/examples/packages.sh")
-zirdb_check(examples.query_reports_errors "odbc;database"
-            "${checks}/query_errors.sh" $<TARGET_FILE:query>)
+if(TARGET query)
+  zirdb_check(
+    examples.packages "odbc;database" "${checks}/packages_example.sh"
+    $<TARGET_FILE:query> "${PROJECT_SOURCE_DIR}/examples/packages.sh")
+  zirdb_check(examples.query_reports_errors "odbc;database"
+              "${checks}/query_errors.sh" $<TARGET_FILE:query>)
+endif()
 
 # What follows looks at sources or at the library as released: once is enough,
 # and instrumented binaries would differ.

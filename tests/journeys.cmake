@@ -43,15 +43,19 @@ zirdb_discover(
   LIST journeys_sqlite
   FILTER "*/SQLite"
   LABELS odbc database)
+# PostgreSQL's driver converts wide text through the process's locale, and as
+# Debian registers it keeps a log file per process: hence a locale and a driver
+# table of our own.
 zirdb_discover(
   journeys_test
   LIST journeys_postgres
   FILTER "*/PostgreSQL"
   LABELS odbc database
-  PROPERTIES
-    FIXTURES_REQUIRED postgres ENVIRONMENT
+  ENVIRONMENT
+    "LC_ALL=C.UTF-8"
+    "ODBCSYSINI=${servers_folder}"
     "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/support/leaks.supp:print_suppressions=0"
-)
+  PROPERTIES FIXTURES_REQUIRED postgres)
 zirdb_discover(
   journeys_test
   LIST journeys_mariadb

@@ -1089,4 +1089,57 @@ TEST_F(Fetch, TextInVeryManyPiecesIsReadToItsEnd) {
   expect_read(SQL_LONGVARCHAR, chunks(pieces), "Text " + text);
 }
 
+TEST_F(Fetch, EndlessBytesOfWhichNothingIsLeftAreAFailure) {
+  constexpr std::size_t kTooMany = 1000000;
+  script().columns({{"b", SQL_VARBINARY}});
+  script().row({binary("x")});
+  std::size_t reads = 0;
+  script().on("SQLGetData", [&](const Call&) -> std::optional<Reply> {
+    if (++reads % 256 == 0) script().clear_log();
+    if (reads > kTooMany) {
+      return Reply{false, SQL_ERROR, {"HY000", 1, "asked for ever"}};
+    }
+    // The indicator stays 0: nothing left, and yet more to come.
+    return Reply{false, SQL_SUCCESS_WITH_INFO, {"01004", 1, "more"}};
+  });
+
+  ZirdbOdbcResult result;
+  EXPECT_FALSE(zirdb_odbc_execute(open(), "select", &result));
+
+  EXPECT_EQ(result.error, error_text("01004", "more"));
+  EXPECT_TRUE(result.rows.empty());
+  EXPECT_LT(reads, kTooMany);
+}
+
+TEST_F(Fetch, ThousandsOfPiecesOfWhichNothingIsLeftAreJoined) {
+  constexpr std::size_t kPieces = 3000;
+  const std::string piece(kBuffer, 'x');
+  std::vector<Chunk> pieces(kPieces, chunk(SQL_SUCCESS_WITH_INFO, piece, 0));
+  pieces.push_back(chunk(SQL_SUCCESS, "!", 1));
+
+  expect_read(SQL_VARBINARY, chunks(pieces),
+              "Binary " + std::string(kPieces * kBuffer, 'x') + "!");
+}
+
+TEST_F(Fetch, ALongBlobWhoseIndicatorIsThePieceIsReadToItsEnd) {
+  // More pieces than are borne with when they say that nothing is left.
+  constexpr std::size_t kPieces = 70000;
+  std::size_t reads = 0;
+  script().on("SQLGetData", [&](const Call&) -> std::optional<Reply> {
+    if (++reads % 256 == 0) script().clear_log();
+    return std::nullopt;
+  });
+  const std::vector<Chunk> pieces(
+      kPieces, chunk(SQL_SUCCESS_WITH_INFO, std::string(kBuffer, 'x'), 1024));
+  ResultSet set;
+  set.columns = {{"b", SQL_LONGVARBINARY}};
+  set.rows = {{chunks(pieces)}};
+  script().result_for("select", set);
+
+  ZirdbOdbcResult result;
+  ASSERT_TRUE(zirdb_odbc_execute(open(), "select", &result)) << result.error;
+
+  EXPECT_EQ(result.rows.at(0).at(0).binary_value.size(), kPieces * kBuffer);
+}
+
 }  // namespace

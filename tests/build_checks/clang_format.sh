@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 #
-# clang_format.sh ROOT: every source is as the formatter leaves it. Another
-# release of the formatter would disagree with itself, so only one judges.
+# clang_format.sh ROOT: every source is as the formatter leaves it. Releases of
+# the formatter disagree with each other, so only one judges.
 set -euo pipefail
 cd "$1"
 formatter=$(command -v clang-format-14 || command -v clang-format || true)

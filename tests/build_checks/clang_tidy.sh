@@ -10,5 +10,25 @@ case "$([ -n "$tidy" ] && "$tidy" --version)" in
   *"version 14."*) ;;
   *) echo "skipped: needs clang-tidy 14" && exit 77 ;;
 esac
+
+# A source that passed is judged again only after it, a header or the rules have
+# changed: judging all of them takes minutes.
+stamps=$2/clang_tidy_passed
+mkdir -p "$stamps"
+judge() {
+  local stamp
+  stamp=$stamps/${1//\//_}
+  if [ -e "$stamp" ] && [ -z "$(find src tests bench examples .clang-tidy \
+    \( -name '*.h' -o -name .clang-tidy -o -path "$1" \) \
+    -newer "$stamp" -print -quit)" ]; then
+    return 0
+  fi
+  rm -f "$stamp"
+  "$tidy" --quiet -p "$build" "$1" && touch "$stamp"
+}
+build=$2
+export -f judge
+export stamps tidy build
+# shellcheck disable=SC2016  # the inner shell expands it
 find src tests bench examples -name '*.cpp' -print0 |
-  xargs -0 -n 1 -P "$(nproc)" "$tidy" --quiet -p "$2"
+  xargs -0 -n 1 -P "$(nproc)" bash -c 'judge "$1"' judge

@@ -4,6 +4,8 @@
 # packages_example.sh QUERY SCRIPT: the demonstration loads every installed
 # package and its three answers agree with the package manager.
 set -euo pipefail
+# shellcheck source=tests/build_checks/need_sqlite.sh
+source "$(dirname "$0")/need_sqlite.sh"
 output=$(bash "$2" "$1" "C++ compiler")
 # shellcheck disable=SC2016  # dpkg-query's own variables
 expected=$(dpkg-query -W -f '${db:Status-Status}\n' | grep -cx installed)

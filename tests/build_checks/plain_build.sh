@@ -2,8 +2,11 @@
 # SPDX-License-Identifier: MIT
 #
 # plain_build.sh ROOT: the library builds from its sources with one compiler
-# command and no build system, and what comes out answers a query.
+# command and no build system, and what comes out answers a query
+# and keeps what is internal to itself.
 set -euo pipefail
+# shellcheck source=tests/build_checks/need_sqlite.sh
+source "$(dirname "$0")/need_sqlite.sh"
 root=$1
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
@@ -20,3 +23,7 @@ answer
     42
 (1 row)
 TABLE
+if nm -D --defined-only libzirdb.so | grep -q zirdb_odbc_execute_into; then
+  echo "an internal function is exported"
+  exit 1
+fi

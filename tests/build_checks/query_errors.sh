@@ -4,6 +4,8 @@
 # query_errors.sh QUERY: every way to fail says why on standard error, prints no
 # table, and has its exit status.
 set -euo pipefail
+# shellcheck source=tests/build_checks/need_sqlite.sh
+source "$(dirname "$0")/need_sqlite.sh"
 query=$1
 memory='Driver=SQLite3;Database=:memory:'
 
@@ -30,6 +32,11 @@ fails 1 'query: IM002: ' 'DSN=no such data source' 'SELECT 1'
 fails 1 'query: 01000: ' 'Driver=no such driver' 'SELECT 1'
 fails 1 'query: HY000: ' "$memory" 'SELEC 1'
 fails 1 'query: wstring_convert::from_bytes' "$memory" 'SELECT ?' $'\xff'
+
+if "$query" "$memory" 'SELECT 1' >/dev/full 2>/dev/null; then
+  echo "output that could not be written went unnoticed"
+  exit 1
+fi
 
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT

@@ -4,6 +4,8 @@
 # readme.sh ROOT LIBRARY: the program in the README compiles, and prints what
 # the README says it prints.
 set -euo pipefail
+# shellcheck source=tests/build_checks/need_sqlite.sh
+source "$(dirname "$0")/need_sqlite.sh"
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 # shellcheck disable=SC2016  # the backticks are Markdown's

@@ -14,6 +14,8 @@
 #   <name>.log          what the server and its installation said
 #   <name>.state        for `stop`: the folder, and the pid of the `timeout`
 #                       that runs the server
+#   odbcinst.ini        (PostgreSQL) the system's drivers, without the log file
+#                       that the driver would keep for every process
 #
 # and exits with 77 when the machine lacks the server or its ODBC driver.
 #
@@ -90,6 +92,13 @@ require_driver() {
     odbcinst -q -d -n "$1" >/dev/null ||
       skip "the ODBC driver \"$1\" is not registered"
   fi
+}
+
+# The file in which the system's drivers are registered.
+driver_table() {
+  local file
+  file="$(odbcinst -j 2>/dev/null | sed -n 's/^DRIVERS\.*: //p' || true)"
+  echo "${file:-/etc/odbcinst.ini}"
 }
 
 # PostgreSQL refuses to run as root, and neither server needs to.
@@ -210,6 +219,7 @@ start_postgres() {
     -c listen_addresses= -c "unix_socket_directories=$folder/socket" \
     -c fsync=off -c synchronous_commit=off -c full_page_writes=off \
     -c log_min_messages=warning
+  sed 's/^\( *CommLog *= *\)1/\10/' "$(driver_table)" >"$workdir/odbcinst.ini"
   await_ready "$bin/pg_isready" --host="$folder/socket" --username=zirdb \
     --dbname=postgres
   echo "Driver={PostgreSQL Unicode};Servername=$folder/socket;Port=5432;\
