@@ -83,6 +83,14 @@ std::string in_full_buffer(std::string bytes) {
 
 Diagnostics broken() { return {"HY000", 7, "broken"}; }
 
+/// The answers to the reads of one cell, and what the cell becomes. A row is
+/// expected to take exactly as many reads as it has answers.
+struct Answers {
+  std::string name;
+  std::vector<Chunk> chunks;
+  std::string outcome;
+};
+
 class Fetch : public ScriptedOdbc {
  protected:
   /// Ends the test of one row of a table and begins that of the next.
@@ -117,6 +125,18 @@ class Fetch : public ScriptedOdbc {
         << "read     " << brief(actual) << "\nexpected " << brief(expected);
   }
 
+  /// As many reads as there are answers, each into a buffer of zeros.
+  void expect_read(int type, const Answers& row) {
+    SCOPED_TRACE(row.name);
+    expect_read(type, chunks(row.chunks), row.outcome);
+
+    const std::vector<Call> reads = script().calls("SQLGetData");
+    EXPECT_EQ(reads.size(), row.chunks.size());
+    for (const Call& read : reads) {
+      EXPECT_EQ(read.bytes("buffer"), std::string(kBuffer, '\0')) << read;
+    }
+  }
+
   /// Codes that are neither success nor the end of the data. The driver manager
   /// does not let go of a statement after most of them.
   static std::vector<int> failing_codes() {
@@ -127,14 +147,6 @@ class Fetch : public ScriptedOdbc {
 
  private:
   void* connection_ = nullptr;
-};
-
-/// The answers to the reads of one cell, and what the cell becomes. A row is
-/// expected to take exactly as many reads as it has answers.
-struct Answers {
-  std::string name;
-  std::vector<Chunk> chunks;
-  std::string outcome;
 };
 
 // ---------------------------------------------------------------------------
@@ -670,16 +682,7 @@ TEST_F(Fetch, EveryAnswerToATextReadHasItsMeaning) {
         chunk(kOk, "y", 1)},
        "Text " + largest + largest + "y"},
   };
-  for (const Answers& row : rows) {
-    SCOPED_TRACE(row.name);
-    expect_read(SQL_VARCHAR, chunks(row.chunks), row.outcome);
-
-    const std::vector<Call> reads = script().calls("SQLGetData");
-    EXPECT_EQ(reads.size(), row.chunks.size());
-    for (const Call& read : reads) {
-      EXPECT_EQ(read.bytes("buffer"), std::string(kBuffer, '\0')) << read;
-    }
-  }
+  for (const Answers& row : rows) expect_read(SQL_VARCHAR, row);
 }
 
 TEST_F(Fetch, ACodeOtherThanSuccessFailsATextOrBinaryRead) {
@@ -850,16 +853,7 @@ TEST_F(Fetch, EveryAnswerToABinaryReadHasItsMeaning) {
                     {chunk(kMore, full, indicator), chunk(kOk, "tail", 4)},
                     "Binary " + full + "tail"});
   }
-  for (const Answers& row : rows) {
-    SCOPED_TRACE(row.name);
-    expect_read(SQL_VARBINARY, chunks(row.chunks), row.outcome);
-
-    const std::vector<Call> reads = script().calls("SQLGetData");
-    EXPECT_EQ(reads.size(), row.chunks.size());
-    for (const Call& read : reads) {
-      EXPECT_EQ(read.bytes("buffer"), std::string(kBuffer, '\0')) << read;
-    }
-  }
+  for (const Answers& row : rows) expect_read(SQL_VARBINARY, row);
 }
 
 TEST_F(Fetch, ABinaryCellBringsNothingOfAnotherCell) {
