@@ -21,7 +21,9 @@ presets=("$@")
 if [ "${#presets[@]}" -eq 0 ]; then presets=(asan tsan release); fi
 for preset in "${presets[@]}"; do
   say "building $preset"
-  quietly configure cmake --preset "$preset" -DZIRDB_WERROR=$werror
+  # Said outright, because a tree may have been configured without them.
+  quietly configure cmake --preset "$preset" -DZIRDB_WERROR=$werror \
+    -DZIRDB_BUILD_TESTS=ON -DZIRDB_BUILD_BENCH=ON -DZIRDB_BUILD_EXAMPLES=ON
   cmake --build --preset "$preset"
   say "testing $preset"
   ctest --preset "$preset"
