@@ -49,12 +49,19 @@ zirdb_discover(
 zirdb_discover(
   journeys_test
   LIST journeys_postgres
-  FILTER "*/PostgreSQL"
+  FILTER "*/PostgreSQL:-*InTheCLocale*"
   LABELS odbc database
   ENVIRONMENT
     "LC_ALL=C.UTF-8"
     "ODBCSYSINI=${servers_folder}"
     "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/support/leaks.supp:print_suppressions=0"
+  PROPERTIES FIXTURES_REQUIRED postgres)
+zirdb_discover(
+  journeys_test
+  LIST journeys_postgres_c_locale
+  FILTER "*InTheCLocale*"
+  LABELS odbc database
+  ENVIRONMENT "LC_ALL=C" "ODBCSYSINI=${servers_folder}"
   PROPERTIES FIXTURES_REQUIRED postgres)
 zirdb_discover(
   journeys_test

@@ -130,5 +130,28 @@ TEST_P(JourneyTexts, LongColumnsSideBySideAreNotMixedUp) {
 
 ZIRDB_FOR_EVERY_DRIVER(JourneyTexts);
 
+// PostgreSQL's driver converts wide text through the process's locale, which
+// these tests run without (journeys.cmake).
+class JourneyPostgresInTheCLocale : public Journey {};
+
+TEST_P(JourneyPostgresInTheCLocale, WideTextBeyondAsciiIsRefused) {
+  const std::string error = db().error_of(
+      "SELECT CAST(? AS text)", {input(kVarwchar, text("h\u00E9llo"))});
+
+  EXPECT_EQ(error.substr(0, 7), "HY000: ") << error;
+}
+
+TEST_P(JourneyPostgresInTheCLocale, OtherTextIsNot) {
+  EXPECT_EQ(db().value_of("SELECT CAST(? AS text)",
+                          {input(kVarwchar, text("hello"))}),
+            text("hello"));
+  EXPECT_EQ(db().value_of("SELECT CAST(? AS text)",
+                          {input(kVarchar, text("h\u00E9llo"))}),
+            text("h\u00E9llo"));
+}
+
+INSTANTIATE_TEST_SUITE_P(, JourneyPostgresInTheCLocale,
+                         testing::Values(&kPostgres), driver_name);
+
 }  // namespace
 }  // namespace zirdb_test
