@@ -696,9 +696,9 @@ class Execution {
       return false;
     }
     const bool prepared = parameters != nullptr && !parameters->empty();
-    if (!(prepared ? execute_prepared(sql, *parameters) : execute_direct(sql)))
-      return false;
-    if (!describe_columns()) return false;
+    const bool executed =
+        prepared ? execute_prepared(sql, *parameters) : execute_direct(sql);
+    if (!executed || !describe_columns()) return false;
     std::int64_t fetched = 0;
     if (!columns_.empty() && !fetch_rows(fetched)) return false;
 
