@@ -213,6 +213,7 @@ namespace {
 using Byte = unsigned char;
 
 constexpr std::ptrdiff_t kBlock = 16;
+constexpr std::ptrdiff_t kHalf = kBlock / 2;
 
 template <class Word>
 Word load(const void* from) {
@@ -223,6 +224,9 @@ Word load(const void* from) {
 
 __m128i load_16(const void* from) {
   return _mm_loadu_si128(static_cast<const __m128i*>(from));
+}
+void store_8(void* to, __m128i value) {
+  _mm_storel_epi64(static_cast<__m128i*>(to), value);
 }
 void store_16(void* to, __m128i value) {
   _mm_storeu_si128(static_cast<__m128i*>(to), value);
@@ -489,12 +493,12 @@ std::size_t terminate(Walked walked, Unit* destination, std::size_t capacity) {
 
 // --- UTF-32 to UTF-8 ---
 
-// 16 units as bytes, if all of them are ASCII.
-bool narrow_16(const wchar_t* from, __m128i& bytes) {
-  const __m128i a = load_16(from);
-  const __m128i b = load_16(from + 4);
-  const __m128i c = load_16(from + 8);
-  const __m128i d = load_16(from + 12);
+// Two halves of 8 units as bytes, if all of them are ASCII.
+bool narrow(const wchar_t* first, const wchar_t* second, __m128i& bytes) {
+  const __m128i a = load_16(first);
+  const __m128i b = load_16(first + 4);
+  const __m128i c = load_16(second);
+  const __m128i d = load_16(second + 4);
   const __m128i all = _mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d));
   const __m128i others = _mm_srli_epi32(all, 7);
   if (_mm_movemask_epi8(_mm_cmpeq_epi32(others, _mm_setzero_si128())) !=
@@ -517,7 +521,7 @@ std::size_t utf8_length(const wchar_t* at, const wchar_t* end) {
   std::size_t length = 0;
   while (at < end) {
     __m128i bytes;
-    if (end - at >= kBlock && narrow_16(at, bytes)) {
+    if (end - at >= kBlock && narrow(at, at + kHalf, bytes)) {
       length += kBlock;
       at += kBlock;
       continue;
@@ -563,11 +567,22 @@ bool encode(const wchar_t*& at, const wchar_t* stop, char*& to,
             const char* end) {
   while (at < stop) {
     __m128i bytes;
-    if (stop - at >= kBlock && end - to >= kBlock && narrow_16(at, bytes)) {
+    if (stop - at >= kBlock && end - to >= kBlock &&
+        narrow(at, at + kHalf, bytes)) {
       store_16(to, bytes);
       at += kBlock;
       to += kBlock;
       continue;
+    }
+    const std::ptrdiff_t rest = stop - at;
+    if (rest < kBlock && rest >= kHalf && end - to >= rest &&
+        narrow(at, stop - kHalf, bytes)) {
+      // The halves overlap.
+      store_8(to, bytes);
+      store_8(to + rest - kHalf, _mm_srli_si128(bytes, kHalf));
+      at = stop;
+      to += rest;
+      break;
     }
     const wchar_t* const block_stop = at + std::min(stop - at, kBlock);
     for (; at < block_stop; ++at) {
