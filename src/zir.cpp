@@ -136,13 +136,13 @@ BSTR allocate_string(StringCount count, std::uint64_t bytes) {
 
 // A string of so many units and its terminator; the units are to be written.
 BSTR allocate_text(std::uint64_t count) {
-  const BSTR string = allocate_string(count, sizeof(wchar_t) * (count + 1));
+  wchar_t* const string = allocate_string(count, sizeof(wchar_t) * (count + 1));
   if (string != nullptr) string[count] = L'\0';
   return string;
 }
 
 inline BSTR copy_text(const wchar_t* units, std::uint64_t count) {
-  const BSTR string = allocate_text(count);
+  wchar_t* const string = allocate_text(count);
   if (string == nullptr) return nullptr;
   struct Half {
     wchar_t units[8];
@@ -179,13 +179,13 @@ BSTR SysAllocStringLen(const wchar_t* units, UINT count) {
   // Refused as a count that callers can only have reached by a wrap-around.
   if (count == std::numeric_limits<UINT>::max()) return nullptr;
   if (units != nullptr) return copy_text(units, count);
-  const BSTR string = allocate_text(count);
+  wchar_t* const string = allocate_text(count);
   if (string != nullptr) string[0] = L'\0';
   return string;
 }
 
 BSTR SysAllocStringByteLen(const char* bytes, UINT count) {
-  const BSTR string = allocate_string(count, count);
+  wchar_t* const string = allocate_string(count, count);
   if (string != nullptr && bytes != nullptr) std::memcpy(string, bytes, count);
   return string;
 }
@@ -643,7 +643,10 @@ std::size_t copy_units(To* destination, std::size_t capacity,
       return terminate({Walk::cut, nullptr, units}, destination, capacity);
     }
     if (!accept(source[units])) return 0;
-    if (write) destination[units] = static_cast<To>(source[units]);
+    if (write) {
+      destination[units] =
+          static_cast<To>(static_cast<std::uint32_t>(source[units]));
+    }
   }
   if (write) destination[units] = 0;
   return units + 1;
@@ -970,7 +973,7 @@ HRESULT VariantCopy(VARIANT* destination, const VARIANT* source) {
   if (destination->vt != VT_EMPTY) clear(destination);
   *destination = *source;
   if (source->vt == VT_BSTR) {
-    if (const BSTR text = source->bstrVal; text != nullptr) {
+    if (wchar_t* const text = source->bstrVal; text != nullptr) {
       destination->bstrVal = copy_text(text, std::wcslen(text));
     }
   } else {
@@ -1339,10 +1342,8 @@ HRESULT store_date(DATE date, VARIANT& to) {
     count = std::swprintf(text, std::size(text), L"%02d:%02d:%02d",
                           time.tm_hour, time.tm_min, time.tm_sec);
   } else {
-    count =
-        std::swprintf(text, std::size(text), L"%04lld/%02d/%02d",
-                      static_cast<long long>(std::int64_t{time.tm_year} + 1900),
-                      time.tm_mon + 1, time.tm_mday);
+    count = std::swprintf(text, std::size(text), L"%04lld/%02d/%02d",
+                          1900LL + time.tm_year, time.tm_mon + 1, time.tm_mday);
     if (time.tm_hour != 0 || time.tm_min != 0 || time.tm_sec != 0) {
       count += std::swprintf(
           text + count, std::size(text) - static_cast<std::size_t>(count),
@@ -1410,14 +1411,14 @@ HRESULT to_bstr(const VARIANT& from, VARIANT& to, int depth) {
 
 struct Target {
   VARTYPE vt;
-  HRESULT (*convert)(const VARIANT& from, VARIANT& to, int depth);
   int stub_line;
+  HRESULT (*convert)(const VARIANT& from, VARIANT& to, int depth);
 };
 
 constexpr Target kTargets[] = {
-    {VT_I8, to_i8, 1045},    {VT_BSTR, to_bstr, 940}, {VT_R8, to_r8, 1009},
-    {VT_BOOL, to_bool, 981}, {VT_I4, to_i4, 1069},    {VT_DATE, to_date, 1134},
-    {VT_I2, to_i2, 1097},    {VT_UI1, to_ui1, 1111},  {VT_LPSTR, to_lpstr, 950},
+    {VT_I8, 1045, to_i8},    {VT_BSTR, 940, to_bstr}, {VT_R8, 1009, to_r8},
+    {VT_BOOL, 981, to_bool}, {VT_I4, 1069, to_i4},    {VT_DATE, 1134, to_date},
+    {VT_I2, 1097, to_i2},    {VT_UI1, 1111, to_ui1},  {VT_LPSTR, 950, to_lpstr},
 };
 constexpr int kNoTargetStubLine = 1139;
 
@@ -1713,7 +1714,7 @@ HRESULT VarCat(VARIANT* l, VARIANT* r, VARIANT* result) {
   if (__builtin_add_overflow(left_count, right_count, &count)) {
     return E_OUTOFMEMORY;
   }
-  const BSTR text = SysAllocStringLen(nullptr, count);
+  wchar_t* const text = SysAllocStringLen(nullptr, count);
   if (text == nullptr) return E_OUTOFMEMORY;
   std::copy_n(text_of(left->bstrVal), left_count, text);
   std::copy_n(text_of(right->bstrVal), right_count, text + left_count);

@@ -803,8 +803,10 @@ class _bstr_t {
   ~_bstr_t() { SysFreeString(m_s); }
 
   _bstr_t& operator=(const wchar_t* text) { return *this = _bstr_t(text); }
-  _bstr_t& operator=(_bstr_t other) noexcept {
-    std::swap(m_s, other.m_s);
+  _bstr_t& operator=(const _bstr_t& other) { return *this = _bstr_t(other); }
+  _bstr_t& operator=(_bstr_t&& other) noexcept {
+    _bstr_t taken(std::move(other));
+    std::swap(m_s, taken.m_s);
     return *this;
   }
 
@@ -843,8 +845,10 @@ class _str_t {
   ~_str_t() { std::free(m_s); }
 
   _str_t& operator=(const char* text) { return *this = _str_t(text); }
-  _str_t& operator=(_str_t other) noexcept {
-    std::swap(m_s, other.m_s);
+  _str_t& operator=(const _str_t& other) { return *this = _str_t(other); }
+  _str_t& operator=(_str_t&& other) noexcept {
+    _str_t taken(std::move(other));
+    std::swap(m_s, taken.m_s);
     return *this;
   }
 
@@ -882,6 +886,7 @@ class _variant_t : public VARIANT {
   _variant_t() noexcept : VARIANT() {}
   // NOLINTBEGIN(google-explicit-constructor): values are passed as values
   _variant_t(const VARIANT& other) : VARIANT() { VariantCopy(this, &other); }
+  // NOLINTNEXTLINE(bugprone-copy-constructor-init): copied by VariantCopy
   _variant_t(const _variant_t& other) : VARIANT() { VariantCopy(this, &other); }
   _variant_t(_variant_t&& other) noexcept : VARIANT(other.Detach()) {}
   /// VT_BSTR with a copy of the text. Throws std::bad_alloc.
@@ -998,8 +1003,14 @@ class InterfacePtr {
   InterfacePtr(const InterfacePtr& other)
       : InterfacePtr(share(other.object_)) {}
   InterfacePtr(InterfacePtr&& other) noexcept : object_(other.detach()) {}
-  InterfacePtr& operator=(InterfacePtr other) noexcept {
-    std::swap(object_, other.object_);
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): shared, then moved
+  InterfacePtr& operator=(const InterfacePtr& other) {
+    *this = share(other.object_);
+    return *this;
+  }
+  InterfacePtr& operator=(InterfacePtr&& other) noexcept {
+    InterfacePtr taken(std::move(other));
+    std::swap(object_, taken.object_);
     return *this;
   }
   ~InterfacePtr() {
