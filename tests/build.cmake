@@ -28,8 +28,12 @@ if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
               "${checks}/linked_libraries.sh" $<TARGET_FILE:zirdb>)
   zirdb_check(build.sources_build_with_one_command "package;database"
               "${checks}/plain_build.sh" "${PROJECT_SOURCE_DIR}")
-  zirdb_check(build.readme_program_runs "package;database" "${checks}/readme.sh"
-              "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb>)
+  zirdb_check(
+    build.readme_program_runs "package;database" "${checks}/document_program.sh"
+    "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb> README.md)
+  zirdb_check(
+    build.runtime_document_program_runs package "${checks}/document_program.sh"
+    "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb> docs/runtime.md)
   zirdb_check(build.headers_stand_alone package "${checks}/headers.sh"
               "${PROJECT_SOURCE_DIR}")
   zirdb_check(lint.clang_format lint "${checks}/clang_format.sh"
