@@ -201,11 +201,11 @@ void SysFreeString(BSTR string) { free_string(string); }
 // ---------------------------------------------------------------------------
 // The converters
 //
-// Text goes 16 characters at a time where all of them are ASCII, and one at a
-// time where they are not: to take the ASCII part of such a block apart costs
-// more in mispredicted branches than it saves. Nothing is read or written that
-// a loop over single characters would not have touched: a source may end at the
-// end of a page, and what lies behind the output is the caller's.
+// ASCII goes 16 characters at a time, and so does text that is ASCII in parts;
+// a script without ASCII is decoded character by character, its bytes checked
+// together. Nothing is read or written that a loop over single characters would
+// not have touched: a source may end at the end of a page, and what lies behind
+// the output is the caller's.
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -742,20 +742,25 @@ bool multiply_bounds(const SAFEARRAYBOUND* bounds, UINT dimensions,
 }
 
 // Deliberate: an array without dimensions counts as one element here, although
-// it is created for none; its storage always has room for one.
-std::uint64_t element_count(SAFEARRAY* array) {
+// it is created for none; its storage always has room for one. False when the
+// count does not fit, which only a descriptor made by hand can bring about.
+bool element_count(SAFEARRAY* array, std::uint64_t& count) {
+  return multiply_bounds(bounds_of(array), array->cDims, count);
+}
+
+// Calls `act` for each element, if there is storage for them.
+template <class Element, class Act>
+void for_each_element(SAFEARRAY* array, Act act) {
   std::uint64_t count = 0;
-  if (array->pvData == nullptr ||
-      !multiply_bounds(bounds_of(array), array->cDims, count)) {
-    return 0;
-  }
-  return count;
+  if (array->pvData == nullptr || !element_count(array, count)) return;
+  auto* const elements = static_cast<Element*>(array->pvData);
+  for (std::uint64_t i = 0; i < count; ++i) act(elements[i], i);
 }
 
 using Block = std::unique_ptr<void, Free>;
 
-// Storage for the elements, at least one of them and zeroed; bytes of more than
-// none are left as they come.
+// Storage for the elements, at least one of them, zeroed; bytes are left as
+// they come, but for the one that stands for none.
 Block allocate_elements(std::uint64_t count, std::uint32_t size) {
   std::uint64_t bytes = 0;
   if (__builtin_mul_overflow(count, size, &bytes)) return nullptr;
@@ -813,15 +818,12 @@ HRESULT SafeArrayDestroy(SAFEARRAY* array) {
   if (array == nullptr) return E_INVALIDARG;
   if (array->cLocks != 0) return DISP_E_ARRAYISLOCKED;
   if ((array->fFeatures & FADF_VARIANT) != 0) {
-    auto* const elements = static_cast<VARIANT*>(array->pvData);
-    for (std::uint64_t i = 0, n = element_count(array); i < n; ++i) {
-      VariantClear(&elements[i]);
-    }
+    for_each_element<VARIANT>(
+        array, [](VARIANT& value, std::uint64_t) { VariantClear(&value); });
   } else if ((array->fFeatures & FADF_BSTR) != 0) {
-    auto* const elements = static_cast<BSTR*>(array->pvData);
-    for (std::uint64_t i = 0, n = element_count(array); i < n; ++i) {
-      SysFreeString(std::exchange(elements[i], nullptr));
-    }
+    for_each_element<BSTR>(array, [](BSTR& string, std::uint64_t) {
+      SysFreeString(std::exchange(string, nullptr));
+    });
   }
   if ((array->fFeatures & FADF_AUTO) != 0) {
     std::free(array->pvData);
@@ -831,24 +833,31 @@ HRESULT SafeArrayDestroy(SAFEARRAY* array) {
 }
 
 HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) {
-  const std::uint64_t count = element_count(array);
-  Block block = allocate_elements(count, array->cbElements);
+  if (array == nullptr || copy == nullptr) return E_INVALIDARG;
+  *copy = nullptr;
+  const bool variants = (array->fFeatures & FADF_VARIANT) != 0;
+  const bool strings = !variants && (array->fFeatures & FADF_BSTR) != 0;
+  std::uint32_t size = array->cbElements;
+  if (variants) size = sizeof(VARIANT);
+  if (strings) size = sizeof(BSTR);
+  std::uint64_t count = 0;
+  if (!element_count(array, count)) return E_OUTOFMEMORY;
+  Block block = allocate_elements(count, size);
   void* const elements = block.get();
   *copy = make_descriptor(array->cDims, array->fFeatures, array->cbElements,
                           std::move(block), bounds_of(array));
   if (*copy == nullptr) return E_OUTOFMEMORY;
-  if ((array->fFeatures & FADF_VARIANT) != 0) {
-    for (std::uint64_t i = 0; i < count; ++i) {
-      VariantCopy(static_cast<VARIANT*>(elements) + i,
-                  static_cast<VARIANT*>(array->pvData) + i);
-    }
-  } else if ((array->fFeatures & FADF_BSTR) != 0) {
-    for (std::uint64_t i = 0; i < count; ++i) {
-      static_cast<BSTR*>(elements)[i] =
-          SysAllocString(static_cast<BSTR*>(array->pvData)[i]);
-    }
-  } else if (count != 0) {
-    std::memcpy(elements, array->pvData, count * array->cbElements);
+  if (variants) {
+    for_each_element<VARIANT>(
+        array, [elements](VARIANT& value, std::uint64_t i) {
+          VariantCopy(static_cast<VARIANT*>(elements) + i, &value);
+        });
+  } else if (strings) {
+    for_each_element<BSTR>(array, [elements](BSTR string, std::uint64_t i) {
+      static_cast<BSTR*>(elements)[i] = SysAllocString(string);
+    });
+  } else if (array->pvData != nullptr && count != 0) {
+    std::memcpy(elements, array->pvData, count * size);
   }
   return S_OK;
 }
@@ -928,7 +937,7 @@ void deepen(VARIANT* copy) {
       break;
     default:
       if ((copy->vt & VT_ARRAY) != 0 && copy->parray != nullptr) {
-        SafeArrayCopy(copy->parray, &copy->parray);
+        SafeArrayCopy(std::exchange(copy->parray, nullptr), &copy->parray);
       }
       break;
   }

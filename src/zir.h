@@ -561,8 +561,8 @@ ZIRDB_API SAFEARRAY* SafeArrayCreateVector(VARTYPE type, LONG lower_bound,
 ZIRDB_API HRESULT SafeArrayDestroy(SAFEARRAY* array);
 
 /// Stores a deep, unlocked copy, which the caller destroys. E_OUTOFMEMORY, with
-/// NULL stored, when there is no memory for its blocks. `array` must not be
-/// NULL.
+/// NULL stored, when there is no memory for its blocks; E_INVALIDARG for a NULL
+/// pointer.
 ZIRDB_API HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy);
 
 /// The bound of a dimension, 1 being the first passed at creation. An empty
