@@ -214,6 +214,10 @@ using Byte = unsigned char;
 
 constexpr std::ptrdiff_t kBlock = 16;
 constexpr std::ptrdiff_t kHalf = kBlock / 2;
+constexpr std::ptrdiff_t kLongest = 4;  // bytes of a character
+// Where a block has shown that characters must be taken one by one, so many of
+// them are: every return to blocks is a branch that is mispredicted.
+constexpr std::ptrdiff_t kSinglyAtOnce = 4 * kBlock;
 
 template <class Word>
 Word load(const void* from) {
@@ -440,7 +444,8 @@ Walked decode_stretch(const Byte* at, const Byte* end, wchar_t* to,
     const bool dense =
         (others & others >> 1U & others >> 2U & others >> 3U) != 0;
     const Walked walked =
-        dense ? decode_singly<kWrite, Take::all>(at, at + kBlock, to, units)
+        dense ? decode_singly<kWrite, Take::all>(
+                    at, at + std::min(end - at - 3, kSinglyAtOnce), to, units)
               : decode_mixed<kWrite>(at, end, to, units);
     if (walked.outcome != Walk::going) return walked;
     at = walked.at;
@@ -518,63 +523,74 @@ std::size_t utf8_length(std::uint32_t value) {
 
 // The bytes of a text without its terminator.
 std::size_t utf8_length(const wchar_t* at, const wchar_t* end) {
+  const __m128i zero = _mm_setzero_si128();
   std::size_t length = 0;
-  while (at < end) {
+  while (end - at >= kBlock / 4) {
     __m128i bytes;
     if (end - at >= kBlock && narrow(at, at + kHalf, bytes)) {
       length += kBlock;
       at += kBlock;
       continue;
     }
-    const wchar_t* const stop = at + std::min(end - at, kBlock);
-    for (; at < stop; ++at) {
-      length += utf8_length(static_cast<std::uint32_t>(*at));
+    // Four bytes a character, less one for each limit that it is below.
+    __m128i saved = zero;
+    const wchar_t* const stop = at + std::min(end - at, kBlock) / 4 * 4;
+    for (; at < stop; at += 4) {
+      const __m128i units = load_16(at);
+      length += 16;
+      saved =
+          _mm_add_epi32(saved, _mm_cmpeq_epi32(_mm_srli_epi32(units, 7), zero));
+      saved = _mm_add_epi32(saved,
+                            _mm_cmpeq_epi32(_mm_srli_epi32(units, 11), zero));
+      saved = _mm_add_epi32(saved,
+                            _mm_cmpeq_epi32(_mm_srli_epi32(units, 16), zero));
     }
+    std::int32_t lanes[4];
+    store_16(lanes, saved);
+    length -=
+        static_cast<std::size_t>(-(lanes[0] + lanes[1] + lanes[2] + lanes[3]));
+  }
+  for (; at < end; ++at) {
+    length += utf8_length(static_cast<std::uint32_t>(*at));
   }
   return length;
 }
 
-// Encodes one character while there is room for it, and says whether there was.
-bool encode(std::uint32_t value, char*& to, const char* end) {
+// Writes a character; the place behind it.
+char* encode(std::uint32_t value, char* to) {
   const auto tail = [value](unsigned shift) {
     return static_cast<char>(0x80U | (value >> shift & 0x3FU));
   };
-  const std::ptrdiff_t room = end - to;
   if (value < 0x80) {
-    if (room < 1) return false;
     *to++ = static_cast<char>(value);
   } else if (value < 0x800) {
-    if (room < 2) return false;
     *to++ = static_cast<char>(0xC0U | value >> 6U);
     *to++ = tail(0);
   } else if (value < 0x10000) {
-    if (room < 3) return false;
     *to++ = static_cast<char>(0xE0U | value >> 12U);
     *to++ = tail(6);
     *to++ = tail(0);
   } else {
-    if (room < 4) return false;
     *to++ = static_cast<char>(0xF0U | (value >> 18U & 0xFFU));
     *to++ = tail(12);
     *to++ = tail(6);
     *to++ = tail(0);
   }
-  return true;
+  return to;
 }
 
 // Encodes [at, stop), as far as there is room; whether there was enough.
 bool encode(const wchar_t*& at, const wchar_t* stop, char*& to,
             const char* end) {
   while (at < stop) {
+    const std::ptrdiff_t rest = stop - at;
     __m128i bytes;
-    if (stop - at >= kBlock && end - to >= kBlock &&
-        narrow(at, at + kHalf, bytes)) {
+    if (rest >= kBlock && end - to >= kBlock && narrow(at, at + kHalf, bytes)) {
       store_16(to, bytes);
       at += kBlock;
       to += kBlock;
       continue;
     }
-    const std::ptrdiff_t rest = stop - at;
     if (rest < kBlock && rest >= kHalf && end - to >= rest &&
         narrow(at, stop - kHalf, bytes)) {
       // The halves overlap.
@@ -584,10 +600,18 @@ bool encode(const wchar_t*& at, const wchar_t* stop, char*& to,
       to += rest;
       break;
     }
-    const wchar_t* const block_stop = at + std::min(stop - at, kBlock);
-    for (; at < block_stop; ++at) {
-      if (!encode(static_cast<std::uint32_t>(*at), to, end)) return false;
+    // As many as there is room for, whatever they are.
+    const std::ptrdiff_t count =
+        std::min({rest, kSinglyAtOnce, (end - to) / kLongest});
+    for (std::ptrdiff_t i = 0; i < count; ++i) {
+      to = encode(static_cast<std::uint32_t>(at[i]), to);
     }
+    at += count;
+    if (count != 0) continue;
+    const auto value = static_cast<std::uint32_t>(*at);
+    if (static_cast<std::size_t>(end - to) < utf8_length(value)) return false;
+    to = encode(value, to);
+    ++at;
   }
   return true;
 }
@@ -1598,9 +1622,11 @@ HRESULT calculate(double left, double right, VARIANT* result) {
   return store(result, kRow.of_doubles(left, right));
 }
 
+// Out of line, so that two numbers make no operands.
 template <const Arithmetic& kRow>
-HRESULT calculate_converted(const VARIANT* l, const VARIANT* r,
-                            VARIANT* result) {
+__attribute__((noinline)) HRESULT calculate_converted(const VARIANT* l,
+                                                      const VARIANT* r,
+                                                      VARIANT* result) {
   Operand left(l);
   Operand right(r);
   if (kRow.bool_is_integer) {
@@ -1736,8 +1762,8 @@ namespace {
 
 template <class Value>
 HRESULT compared(Value left, Value right) {
-  if (right > left) return VARCMP_LT;
-  return left > right ? VARCMP_GT : VARCMP_EQ;
+  return VARCMP_EQ + static_cast<HRESULT>(left > right) -
+         static_cast<HRESULT>(right > left);
 }
 
 // Makes the other operand `type` when one of them is; whether one is.
@@ -1752,15 +1778,11 @@ bool agree_on(VARTYPE type, Operand& left, Operand& right) {
   return true;
 }
 
-}  // namespace
-
-HRESULT VarCmp(VARIANT* l, VARIANT* r, LCID /*lcid*/,
-               zir_types::ULONG /*flags*/) {
-  const VARIANT* const l_value = dereferenced(l);
-  const VARIANT* const r_value = dereferenced(r);
-  if (l_value == nullptr || r_value == nullptr) return E_INVALIDARG;
-  Operand left(l_value);
-  Operand right(r_value);
+// Out of line, so that comparing two numbers makes no operands.
+__attribute__((noinline)) HRESULT compare_converted(const VARIANT* l,
+                                                    const VARIANT* r) {
+  Operand left(l);
+  Operand right(r);
   if (left.type() != right.type() && !agree_on(VT_BSTR, left, right) &&
       !agree_on(VT_R8, left, right)) {
     agree_on(VT_I8, left, right);
@@ -1782,6 +1804,22 @@ HRESULT VarCmp(VARIANT* l, VARIANT* r, LCID /*lcid*/,
     }
   }
   return unsupported_types("VarCmp", 488, left.type(), right.type());
+}
+
+}  // namespace
+
+HRESULT VarCmp(VARIANT* l, VARIANT* r, LCID /*lcid*/,
+               zir_types::ULONG /*flags*/) {
+  const VARIANT* const left = dereferenced(l);
+  const VARIANT* const right = dereferenced(r);
+  if (left == nullptr || right == nullptr) return E_INVALIDARG;
+  if (left->vt == VT_I8 && right->vt == VT_I8) {
+    return compared(left->llVal, right->llVal);
+  }
+  if (left->vt == VT_R8 && right->vt == VT_R8) {
+    return compared(left->dblVal, right->dblVal);
+  }
+  return compare_converted(left, right);
 }
 
 namespace {

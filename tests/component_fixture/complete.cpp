@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+//
+// A component library that does everything right.
+
+#include "component.h"
+
+component::Log* component_log() { return &component::g_log; }
+
+HRESULT DllGetClassObject(REFCLSID clsid, REFIID riid, void** object) {
+  component::note_question(clsid, riid, object);
+  *object = static_cast<IClassFactory*>(&component::g_factory);
+  return component::g_log.class_answer;
+}

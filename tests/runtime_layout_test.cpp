@@ -1,0 +1,459 @@
+// SPDX-License-Identifier: MIT
+//
+// What hosts were compiled against: widths, layouts, constants, identifiers,
+// and which operation stands in which slot of a vtable. None of this may change
+// without breaking them.
+//
+// Sections: types; constants; identifiers; vtables; values in registers.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+#include "zir.h"
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Types
+// ---------------------------------------------------------------------------
+
+template <class Type, std::size_t Bits, bool Signed>
+constexpr bool kIsInteger =
+    std::is_integral_v<Type> &&
+    sizeof(Type) * 8 == Bits&& std::is_signed_v<Type> == Signed;
+
+static_assert(kIsInteger<zir_types::ULONG, 32, false>);
+static_assert(kIsInteger<DWORD, 32, false>);
+static_assert(kIsInteger<UINT, 32, false>);
+static_assert(kIsInteger<LONG, 64, true>);
+static_assert(kIsInteger<HRESULT, 32, true>);
+static_assert(kIsInteger<SCODE, 32, true>);
+static_assert(kIsInteger<WORD, 16, false>);
+static_assert(kIsInteger<USHORT, 16, false>);
+static_assert(kIsInteger<VARTYPE, 16, false>);
+static_assert(kIsInteger<BYTE, 8, false>);
+static_assert(kIsInteger<VARIANT_BOOL, 16, true>);
+static_assert(kIsInteger<BOOL, 32, true>);
+static_assert(kIsInteger<LCID, 32, false>);
+static_assert(kIsInteger<DISPID, 32, true>);
+static_assert(std::is_same_v<DATE, double>);
+static_assert(std::is_same_v<OLECHAR, wchar_t> && sizeof(OLECHAR) == 4);
+static_assert(std::is_same_v<BSTR, wchar_t*>);
+
+// Neither a constructor nor a destructor may creep in: hosts pass values in
+// two registers.
+static_assert(std::is_trivial_v<VARIANT>);
+static_assert(std::is_standard_layout_v<VARIANT>);
+static_assert(std::is_trivial_v<EXCEPINFO> && std::is_trivial_v<DISPPARAMS>);
+static_assert(std::is_trivial_v<GUID> && std::is_trivial_v<SAFEARRAY>);
+
+TEST(RuntimeLayout, RecordsHaveTheLayoutHostsWereCompiledAgainst) {
+  const struct {
+    const char* what;
+    std::size_t actual;
+    std::size_t expected;
+  } rows[] = {
+      {"VARIANT", sizeof(VARIANT), 16},
+      {"VARIANT alignment", alignof(VARIANT), 8},
+      {"VARIANT::vt", offsetof(VARIANT, vt), 0},
+      {"VARIANT::wReserved1", offsetof(VARIANT, wReserved1), 2},
+      {"VARIANT::wReserved2", offsetof(VARIANT, wReserved2), 4},
+      {"VARIANT::wReserved3", offsetof(VARIANT, wReserved3), 6},
+      {"VARIANT::llVal", offsetof(VARIANT, llVal), 8},
+      {"VARIANT::lVal", offsetof(VARIANT, lVal), 8},
+      {"VARIANT::iVal", offsetof(VARIANT, iVal), 8},
+      {"VARIANT::bVal", offsetof(VARIANT, bVal), 8},
+      {"VARIANT::boolVal", offsetof(VARIANT, boolVal), 8},
+      {"VARIANT::scode", offsetof(VARIANT, scode), 8},
+      {"VARIANT::dblVal", offsetof(VARIANT, dblVal), 8},
+      {"VARIANT::date", offsetof(VARIANT, date), 8},
+      {"VARIANT::bstrVal", offsetof(VARIANT, bstrVal), 8},
+      {"VARIANT::pszVal", offsetof(VARIANT, pszVal), 8},
+      {"VARIANT::punkVal", offsetof(VARIANT, punkVal), 8},
+      {"VARIANT::pdispVal", offsetof(VARIANT, pdispVal), 8},
+      {"VARIANT::parray", offsetof(VARIANT, parray), 8},
+      {"VARIANT::pvarVal", offsetof(VARIANT, pvarVal), 8},
+      {"VARIANT::byref", offsetof(VARIANT, byref), 8},
+      {"_variant_t", sizeof(_variant_t), 16},
+      {"_bstr_t", sizeof(_bstr_t), 8},
+      {"_str_t", sizeof(_str_t), 8},
+      {"_com_error", sizeof(_com_error), 4},
+      {"SAFEARRAYBOUND", sizeof(SAFEARRAYBOUND), 16},
+      {"SAFEARRAYBOUND::cElements", offsetof(SAFEARRAYBOUND, cElements), 0},
+      {"SAFEARRAYBOUND::lLbound", offsetof(SAFEARRAYBOUND, lLbound), 8},
+      {"SAFEARRAY::cDims", offsetof(SAFEARRAY, cDims), 0},
+      {"SAFEARRAY::fFeatures", offsetof(SAFEARRAY, fFeatures), 2},
+      {"SAFEARRAY::cbElements", offsetof(SAFEARRAY, cbElements), 4},
+      {"SAFEARRAY::cLocks", offsetof(SAFEARRAY, cLocks), 8},
+      {"SAFEARRAY::pvData", offsetof(SAFEARRAY, pvData), 16},
+      {"SAFEARRAY::rgsabound", offsetof(SAFEARRAY, rgsabound), 24},
+      {"EXCEPINFO", sizeof(EXCEPINFO), 64},
+      {"EXCEPINFO::wCode", offsetof(EXCEPINFO, wCode), 0},
+      {"EXCEPINFO::wReserved", offsetof(EXCEPINFO, wReserved), 2},
+      {"EXCEPINFO::bstrSource", offsetof(EXCEPINFO, bstrSource), 8},
+      {"EXCEPINFO::bstrDescription", offsetof(EXCEPINFO, bstrDescription), 16},
+      {"EXCEPINFO::bstrHelpFile", offsetof(EXCEPINFO, bstrHelpFile), 24},
+      {"EXCEPINFO::dwHelpContext", offsetof(EXCEPINFO, dwHelpContext), 32},
+      {"EXCEPINFO::pvReserved", offsetof(EXCEPINFO, pvReserved), 40},
+      {"EXCEPINFO::pfnDeferredFillIn", offsetof(EXCEPINFO, pfnDeferredFillIn),
+       48},
+      {"EXCEPINFO::scode", offsetof(EXCEPINFO, scode), 56},
+      {"DISPPARAMS", sizeof(DISPPARAMS), 24},
+      {"DISPPARAMS::rgvarg", offsetof(DISPPARAMS, rgvarg), 0},
+      {"DISPPARAMS::rgdispidNamedArgs", offsetof(DISPPARAMS, rgdispidNamedArgs),
+       8},
+      {"DISPPARAMS::cArgs", offsetof(DISPPARAMS, cArgs), 16},
+      {"DISPPARAMS::cNamedArgs", offsetof(DISPPARAMS, cNamedArgs), 20},
+      {"GUID", sizeof(GUID), 16},
+      {"GUID alignment", alignof(GUID), 4},
+      {"GUID::Data1", offsetof(GUID, Data1), 0},
+      {"GUID::Data2", offsetof(GUID, Data2), 4},
+      {"GUID::Data3", offsetof(GUID, Data3), 6},
+      {"GUID::Data4", offsetof(GUID, Data4), 8},
+      {"SYSTEMTIME", sizeof(SYSTEMTIME), 16},
+      {"SYSTEMTIME::wYear", offsetof(SYSTEMTIME, wYear), 0},
+      {"SYSTEMTIME::wMonth", offsetof(SYSTEMTIME, wMonth), 2},
+      {"SYSTEMTIME::wDayOfWeek", offsetof(SYSTEMTIME, wDayOfWeek), 4},
+      {"SYSTEMTIME::wDay", offsetof(SYSTEMTIME, wDay), 6},
+      {"SYSTEMTIME::wHour", offsetof(SYSTEMTIME, wHour), 8},
+      {"SYSTEMTIME::wMinute", offsetof(SYSTEMTIME, wMinute), 10},
+      {"SYSTEMTIME::wSecond", offsetof(SYSTEMTIME, wSecond), 12},
+      {"SYSTEMTIME::wMilliseconds", offsetof(SYSTEMTIME, wMilliseconds), 14},
+      {"BIND_OPTS", sizeof(BIND_OPTS), 16},
+      {"BIND_OPTS::cbStruct", offsetof(BIND_OPTS, cbStruct), 0},
+      {"BIND_OPTS::grfFlags", offsetof(BIND_OPTS, grfFlags), 4},
+      {"BIND_OPTS::grfMode", offsetof(BIND_OPTS, grfMode), 8},
+      {"BIND_OPTS::dwTickCountDeadline",
+       offsetof(BIND_OPTS, dwTickCountDeadline), 12},
+      {"an interface", sizeof(IUnknown), 8},
+  };
+  for (const auto& row : rows) EXPECT_EQ(row.actual, row.expected) << row.what;
+}
+
+TEST(RuntimeLayout, PayloadMembersHaveTheirWidths) {
+  static_assert(sizeof(VARIANT::lVal) == 8 && sizeof(VARIANT::llVal) == 8);
+  static_assert(sizeof(VARIANT::ullVal) == 8 && sizeof(VARIANT::ulVal) == 4);
+  static_assert(sizeof(VARIANT::iVal) == 2 && sizeof(VARIANT::uiVal) == 2);
+  static_assert(sizeof(VARIANT::cVal) == 1 && sizeof(VARIANT::bVal) == 1);
+  static_assert(sizeof(VARIANT::boolVal) == 2 && sizeof(VARIANT::scode) == 4);
+  static_assert(sizeof(VARIANT::fltVal) == 4 && sizeof(VARIANT::dblVal) == 8);
+}
+
+// ---------------------------------------------------------------------------
+// Constants
+// ---------------------------------------------------------------------------
+
+TEST(RuntimeConstants, TypesHaveTheirPublishedNumbers) {
+  const struct {
+    VARENUM type;
+    int number;
+  } rows[] = {{VT_EMPTY, 0},      {VT_NULL, 1},         {VT_I2, 2},
+              {VT_I4, 3},         {VT_R4, 4},           {VT_R8, 5},
+              {VT_CY, 6},         {VT_DATE, 7},         {VT_BSTR, 8},
+              {VT_DISPATCH, 9},   {VT_ERROR, 10},       {VT_BOOL, 11},
+              {VT_VARIANT, 12},   {VT_UNKNOWN, 13},     {VT_DECIMAL, 14},
+              {VT_I1, 16},        {VT_UI1, 17},         {VT_UI2, 18},
+              {VT_UI4, 19},       {VT_I8, 20},          {VT_UI8, 21},
+              {VT_PTR, 26},       {VT_LPSTR, 30},       {VT_ARRAY, 0x2000},
+              {VT_BYREF, 0x4000}, {VT_TYPEMASK, 0x0FFF}};
+  for (const auto& row : rows) EXPECT_EQ(row.type, row.number);
+}
+
+TEST(RuntimeConstants, ResultsHaveTheirPublishedBits) {
+  const struct {
+    HRESULT result;
+    std::uint32_t bits;
+  } rows[] = {
+      {S_OK, 0},
+      {S_FALSE, 1},
+      {E_NOTIMPL, 0x80004001},
+      {E_NOINTERFACE, 0x80004002},
+      {E_FAIL, 0x80004005},
+      {E_UNEXPECTED, 0x8000FFFF},
+      {E_INVALIDARG, 0x80070057},
+      {E_OUTOFMEMORY, 0x8007000E},
+      {CLASS_E_NOAGGREGATION, 0x80040110},
+      {CLASS_E_CLASSNOTAVAILABLE, 0x80040111},
+      {CO_E_CLASSSTRING, 0x800401F3},
+      {DISP_E_MEMBERNOTFOUND, 0x80020003},
+      {DISP_E_TYPEMISMATCH, 0x80020005},
+      {DISP_E_UNKNOWNNAME, 0x80020006},
+      {DISP_E_EXCEPTION, 0x80020009},
+      {DISP_E_BADINDEX, 0x8002000B},
+      {DISP_E_ARRAYISLOCKED, 0x8002000D},
+      {DISP_E_BADPARAMCOUNT, 0x8002000E},
+      {DISP_E_DIVBYZERO, 0x80020012},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(static_cast<std::uint32_t>(row.result), row.bits);
+    EXPECT_EQ(FAILED(row.result), row.bits > 0x7FFFFFFF) << row.bits;
+    EXPECT_EQ(SUCCEEDED(row.result), row.bits <= 0x7FFFFFFF) << row.bits;
+  }
+}
+
+TEST(RuntimeConstants, FlagsAndIdsHaveTheirPublishedNumbers) {
+  EXPECT_EQ(VARIANT_TRUE, -1);
+  EXPECT_EQ(VARIANT_FALSE, 0);
+  EXPECT_EQ(FADF_AUTO, 0x0001);
+  EXPECT_EQ(FADF_BSTR, 0x0100);
+  EXPECT_EQ(FADF_VARIANT, 0x0800);
+  EXPECT_EQ(DISPID_VALUE, 0);
+  EXPECT_EQ(DISPID_UNKNOWN, -1);
+  EXPECT_EQ(DISPID_PROPERTYPUT, -3);
+  EXPECT_EQ(DISPID_NEWENUM, -4);
+  EXPECT_EQ(DISPATCH_METHOD, 1);
+  EXPECT_EQ(DISPATCH_PROPERTYGET, 2);
+  EXPECT_EQ(DISPATCH_PROPERTYPUT, 4);
+  EXPECT_EQ(DISPATCH_PROPERTYPUTREF, 8);
+  EXPECT_EQ(VARCMP_LT, 0);
+  EXPECT_EQ(VARCMP_EQ, 1);
+  EXPECT_EQ(VARCMP_GT, 2);
+}
+
+// ---------------------------------------------------------------------------
+// Identifiers
+// ---------------------------------------------------------------------------
+
+struct Identifier {
+  const char* name;
+  const GUID& guid;
+  std::vector<unsigned> bytes;
+};
+
+/// Numbers are stored with their least byte first, Data4 in reading order.
+std::vector<Identifier> identifiers() {
+  const std::vector<unsigned> none(16, 0);
+  return {
+      {"IID_IUnknown",
+       IID_IUnknown,
+       {0, 0, 0, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
+      {"IID_IClassFactory",
+       IID_IClassFactory,
+       {1, 0, 0, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
+      {"IID_IDispatch",
+       IID_IDispatch,
+       {0, 0x04, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
+      {"IID_IEnumVARIANT",
+       IID_IEnumVARIANT,
+       {0x04, 0x04, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
+      {"IID_IErrorInfo",
+       IID_IErrorInfo,
+       {0x20, 0xB1, 0xF2, 0x1C, 0x7D, 0x54, 0x1B, 0x10, 0x8E, 0x65, 0x08, 0x00,
+        0x2B, 0x2B, 0xD1, 0x19}},
+      {"IID_IContextProperties",
+       IID_IContextProperties,
+       {0x85, 0xDA, 0x96, 0xD3, 0x8F, 0xBF, 0xD1, 0x11, 0xBB, 0xAE, 0x00, 0xC0,
+        0x4F, 0xC2, 0xFA, 0x5F}},
+      {"IID_IGetContextProperties",
+       IID_IGetContextProperties,
+       {0xF4, 0x2A, 0x37, 0x51, 0xE7, 0xCA, 0xCF, 0x11, 0xBE, 0x81, 0x00, 0xAA,
+        0x00, 0xA2, 0xFA, 0x25}},
+      {"IID_NULL", IID_NULL, none},
+      {"CLSID_NULL", CLSID_NULL, none},
+  };
+}
+
+std::vector<unsigned> bytes_at(const void* address) {
+  const auto* const bytes = static_cast<const unsigned char*>(address);
+  return std::vector<unsigned>(bytes, bytes + 16);
+}
+
+TEST(RuntimeIdentifiers, EveryByteIsThePublishedOne) {
+  for (const Identifier& row : identifiers()) {
+    EXPECT_EQ(bytes_at(&row.guid), row.bytes) << row.name;
+  }
+}
+
+TEST(RuntimeIdentifiers, TheLibraryExportsThem) {
+  struct CloseLibrary {
+    void operator()(void* library) const { dlclose(library); }
+  };
+  const std::unique_ptr<void, CloseLibrary> library(
+      dlopen("libzirdb.so.0", RTLD_NOW | RTLD_NOLOAD));
+  ASSERT_NE(library, nullptr) << dlerror();
+  for (const Identifier& row : identifiers()) {
+    const void* const symbol = dlsym(library.get(), row.name);
+    ASSERT_NE(symbol, nullptr) << row.name;
+    EXPECT_EQ(bytes_at(symbol), row.bytes) << row.name;
+  }
+}
+
+TEST(RuntimeIdentifiers, EqualityTakesAll16Bytes) {
+  EXPECT_TRUE(IID_NULL == CLSID_NULL);
+  EXPECT_FALSE(IID_NULL != CLSID_NULL);
+  for (std::size_t at = 0; at < 16; ++at) {
+    GUID other = IID_IErrorInfo;
+    void* const start = &other;
+    static_cast<unsigned char*>(start)[at] ^= 1;
+    EXPECT_FALSE(other == IID_IErrorInfo) << at;
+    EXPECT_TRUE(other != IID_IErrorInfo) << at;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Vtables
+//
+// Each operation says its number; each slot is called without the compiler's
+// knowledge of the interface.
+// ---------------------------------------------------------------------------
+
+constexpr HRESULT kFirst = 100;
+
+struct Unknown final : IUnknown {
+  HRESULT QueryInterface(REFIID, void**) override { return kFirst; }
+  zir_types::ULONG AddRef() override { return kFirst + 1; }
+  zir_types::ULONG Release() override { return kFirst + 2; }
+};
+
+/// The three operations of IUnknown on top of any interface.
+template <class Interface>
+struct Numbered : Interface {
+  HRESULT QueryInterface(REFIID, void**) override { return kFirst; }
+  zir_types::ULONG AddRef() override { return kFirst + 1; }
+  zir_types::ULONG Release() override { return kFirst + 2; }
+
+ protected:
+  ~Numbered() = default;
+};
+
+struct Dispatch final : Numbered<IDispatch> {
+  HRESULT GetTypeInfoCount(UINT*) override { return kFirst + 3; }
+  HRESULT GetTypeInfo(UINT, LCID, ITypeInfo**) override { return kFirst + 4; }
+  HRESULT GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
+    return kFirst + 5;
+  }
+  HRESULT Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                 UINT*) override {
+    return kFirst + 6;
+  }
+};
+
+struct Factory final : Numbered<IClassFactory> {
+  HRESULT CreateInstance(IUnknown*, REFIID, void**) override {
+    return kFirst + 3;
+  }
+  HRESULT LockServer(BOOL) override { return kFirst + 4; }
+};
+
+struct Enumerator final : Numbered<IEnumVARIANT> {
+  HRESULT Next(zir_types::ULONG, VARIANT*, zir_types::ULONG*) override {
+    return kFirst + 3;
+  }
+  HRESULT Skip(zir_types::ULONG) override { return kFirst + 4; }
+  HRESULT Reset() override { return kFirst + 5; }
+  HRESULT Clone(IEnumVARIANT**) override { return kFirst + 6; }
+};
+
+struct ErrorInfo final : Numbered<IErrorInfo> {
+  HRESULT GetGUID(GUID*) override { return kFirst + 3; }
+  HRESULT GetSource(BSTR*) override { return kFirst + 4; }
+  HRESULT GetDescription(BSTR*) override { return kFirst + 5; }
+  HRESULT GetHelpFile(BSTR*) override { return kFirst + 6; }
+  HRESULT GetHelpContext(DWORD*) override { return kFirst + 7; }
+};
+
+struct ContextProperties final : Numbered<IContextProperties> {
+  HRESULT Count(LONG*) override { return kFirst + 3; }
+  HRESULT GetProperty(const wchar_t*, VARIANT*) override { return kFirst + 4; }
+  HRESULT EnumNames(IEnumContextProps**) override { return kFirst + 5; }
+  HRESULT SetProperty(const wchar_t* name, VARIANT value) override {
+    received_name = name;
+    received_value = value;
+    return kFirst + 6;
+  }
+  HRESULT RemoveProperty(const wchar_t*) override { return kFirst + 7; }
+
+  const wchar_t* received_name = nullptr;
+  VARIANT received_value = {};
+};
+
+struct GetContextProperties final : Numbered<IGetContextProperties> {
+  HRESULT Count(LONG*) override { return kFirst + 3; }
+  HRESULT GetProperty(const wchar_t*, VARIANT*) override { return kFirst + 4; }
+  HRESULT EnumNames(IEnumContextProps**) override { return kFirst + 5; }
+};
+
+/// A slot, called with what is enough for every operation.
+using Slot = HRESULT (*)(void* object, std::uint64_t, std::uint64_t,
+                         std::uint64_t, std::uint64_t, std::uint64_t,
+                         std::uint64_t, std::uint64_t, std::uint64_t);
+
+template <class Interface>
+Slot slot_of(Interface* object, std::size_t slot) {
+  const void* const* table = nullptr;
+  std::memcpy(&table, static_cast<void*>(object), sizeof table);
+  Slot function = nullptr;
+  std::memcpy(&function, table + slot, sizeof function);
+  return function;
+}
+
+template <class Interface>
+HRESULT call(Interface* object, std::size_t slot) {
+  return slot_of(object, slot)(object, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+
+template <class Interface>
+void expect_slots_in_order(Interface* object, int count) {
+  for (int slot = 0; slot < count; ++slot) {
+    EXPECT_EQ(call(object, static_cast<std::size_t>(slot)), kFirst + slot);
+  }
+}
+
+TEST(RuntimeVtables, EverySlotReachesTheOperationOfItsNumber) {
+  Unknown unknown;
+  Dispatch dispatch;
+  Factory factory;
+  Enumerator enumerator;
+  ErrorInfo error;
+  ContextProperties context;
+  GetContextProperties reading;
+  expect_slots_in_order<IUnknown>(&unknown, 3);
+  expect_slots_in_order<IDispatch>(&dispatch, 7);
+  expect_slots_in_order<IClassFactory>(&factory, 5);
+  expect_slots_in_order<IEnumVARIANT>(&enumerator, 7);
+  expect_slots_in_order<IErrorInfo>(&error, 8);
+  expect_slots_in_order<IContextProperties>(&context, 8);
+  expect_slots_in_order<IGetContextProperties>(&reading, 6);
+}
+
+TEST(RuntimeVtables, InterfacesHaveNoVirtualDestructor) {
+  EXPECT_FALSE(std::has_virtual_destructor_v<IUnknown>);
+  EXPECT_FALSE(std::has_virtual_destructor_v<IDispatch>);
+  EXPECT_FALSE(std::has_virtual_destructor_v<IClassFactory>);
+  EXPECT_FALSE(std::has_virtual_destructor_v<IEnumVARIANT>);
+  EXPECT_FALSE(std::has_virtual_destructor_v<IErrorInfo>);
+  EXPECT_FALSE(std::has_virtual_destructor_v<IContextProperties>);
+  EXPECT_FALSE(std::has_virtual_destructor_v<IGetContextProperties>);
+}
+
+// ---------------------------------------------------------------------------
+// Values in registers
+// ---------------------------------------------------------------------------
+
+TEST(RuntimeLayout, AVariantByValueTravelsInTwoRegisters) {
+  ContextProperties context;
+  const wchar_t name[] = L"name";
+  const void* const name_pointer = name;
+  std::uint64_t name_bits = 0;
+  std::memcpy(&name_bits, &name_pointer, sizeof name_bits);
+  IContextProperties* const object = &context;
+  constexpr std::uint64_t kTagAndWords = 0x3333222211110014;
+  const HRESULT result = slot_of(object, 6)(object, name_bits, kTagAndWords,
+                                            0x0123456789ABCDEF, 0, 0, 0, 0, 0);
+  EXPECT_EQ(result, kFirst + 6);
+  EXPECT_EQ(context.received_name, name);
+  EXPECT_EQ(context.received_value.vt, VT_I8);
+  EXPECT_EQ(context.received_value.wReserved1, 0x1111);
+  EXPECT_EQ(context.received_value.wReserved2, 0x2222);
+  EXPECT_EQ(context.received_value.wReserved3, 0x3333);
+  EXPECT_EQ(context.received_value.llVal, 0x0123456789ABCDEF);
+}
+
+}  // namespace
