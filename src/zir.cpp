@@ -255,20 +255,10 @@ void widen_16(__m128i bytes, wchar_t* to) {
   widen_8(_mm_srli_si128(bytes, 8), to + 8);
 }
 
-// Two blocks or words that overlap in the middle: up to 32 bytes. Whether all
-// of them are ASCII and there are 4 or more; only then they are written.
+// Fewer bytes than a block, as two words that overlap in the middle. Whether
+// all of them are ASCII and there are 4 or more; only then they are written.
 template <bool kWrite>
 bool widen_rest(const Byte* from, std::ptrdiff_t count, wchar_t* to) {
-  if (count >= 16) {
-    const __m128i first = load_16(from);
-    const __m128i last = load_16(from + count - 16);
-    if (_mm_movemask_epi8(_mm_or_si128(first, last)) != 0) return false;
-    if (kWrite) {
-      widen_16(first, to);
-      widen_16(last, to + count - 16);
-    }
-    return true;
-  }
   if (count >= 8) {
     const auto first = load<std::uint64_t>(from);
     const auto last = load<std::uint64_t>(from + count - 8);
@@ -431,37 +421,48 @@ Walked decode_mixed(const Byte* at, const Byte* end, wchar_t* to,
 template <bool kWrite>
 Walked decode_stretch(const Byte* at, const Byte* end, wchar_t* to,
                       std::size_t units) {
-  while (end - at >= kBlock + 3) {
+  bool after_ascii = false;
+  while (end - at >= kBlock) {
     const __m128i block = load_16(at);
     const auto others = static_cast<unsigned>(_mm_movemask_epi8(block));
-    if (others == 0) {
+    after_ascii = others == 0;
+    if (after_ascii) {
       if (kWrite) widen_16(block, to + units);
       at += kBlock;
       units += kBlock;
       continue;
     }
+    const std::ptrdiff_t readable = end - at - 3;
+    if (readable < kBlock) break;
     // Two sequences in a row: a script that has hardly any ASCII.
     const bool dense =
         (others & others >> 1U & others >> 2U & others >> 3U) != 0;
     const Walked walked =
         dense ? decode_singly<kWrite, Take::all>(
-                    at, at + std::min(end - at - 3, kSinglyAtOnce), to, units)
+                    at, at + std::min(readable, kSinglyAtOnce), to, units)
               : decode_mixed<kWrite>(at, end, to, units);
     if (walked.outcome != Walk::going) return walked;
     at = walked.at;
     units = walked.units;
   }
-  if (widen_rest<kWrite>(at, end - at, kWrite ? to + units : nullptr)) {
-    return {Walk::going, end, units + static_cast<std::size_t>(end - at)};
+  const std::ptrdiff_t rest = end - at;
+  if (rest <= 0) return {Walk::going, at, units};
+  if (after_ascii) {
+    // The rest, together with characters of the block before it.
+    const __m128i block = load_16(end - kBlock);
+    if (_mm_movemask_epi8(block) == 0) {
+      units += static_cast<std::size_t>(rest);
+      if (kWrite) widen_16(block, to + units - kBlock);
+      return {Walk::going, end, units};
+    }
+  } else if (rest < kBlock &&
+             widen_rest<kWrite>(at, rest, kWrite ? to + units : nullptr)) {
+    return {Walk::going, end, units + static_cast<std::size_t>(rest)};
   }
-  if (end - at >= 4) {
-    const Walked walked =
-        decode_singly<kWrite, Take::all>(at, end - 3, to, units);
-    if (walked.outcome != Walk::going) return walked;
-    at = walked.at;
-    units = walked.units;
-  }
-  return decode_near_end<kWrite>(at, end, to, units);
+  const Walked walked =
+      decode_singly<kWrite, Take::all>(at, end - 3, to, units);
+  if (walked.outcome != Walk::going) return walked;
+  return decode_near_end<kWrite>(walked.at, end, to, walked.units);
 }
 
 // Decodes up to `room` units, or counts them.
@@ -579,9 +580,15 @@ char* encode(std::uint32_t value, char* to) {
   return to;
 }
 
-// Encodes [at, stop), as far as there is room; whether there was enough.
-bool encode(const wchar_t*& at, const wchar_t* stop, char*& to,
-            const char* end) {
+// How far an encoder has come.
+struct Encoded {
+  const wchar_t* at;
+  char* to;
+};
+
+// Encodes [at, stop), as far as there is room.
+Encoded encode(const wchar_t* at, const wchar_t* stop, char* to,
+               const char* end) {
   while (at < stop) {
     const std::ptrdiff_t rest = stop - at;
     __m128i bytes;
@@ -596,24 +603,22 @@ bool encode(const wchar_t*& at, const wchar_t* stop, char*& to,
       // The halves overlap.
       store_8(to, bytes);
       store_8(to + rest - kHalf, _mm_srli_si128(bytes, kHalf));
-      at = stop;
-      to += rest;
-      break;
+      return {stop, to + rest};
     }
     // As many as there is room for, whatever they are.
-    const std::ptrdiff_t count =
-        std::min({rest, kSinglyAtOnce, (end - to) / kLongest});
-    for (std::ptrdiff_t i = 0; i < count; ++i) {
-      to = encode(static_cast<std::uint32_t>(at[i]), to);
+    const wchar_t* const singly_stop =
+        at + std::min({rest, kSinglyAtOnce, (end - to) / kLongest});
+    if (at == singly_stop) {
+      const auto value = static_cast<std::uint32_t>(*at);
+      if (static_cast<std::size_t>(end - to) < utf8_length(value)) break;
+      to = encode(value, to);
+      ++at;
     }
-    at += count;
-    if (count != 0) continue;
-    const auto value = static_cast<std::uint32_t>(*at);
-    if (static_cast<std::size_t>(end - to) < utf8_length(value)) return false;
-    to = encode(value, to);
-    ++at;
+    for (; at < singly_stop; ++at) {
+      to = encode(static_cast<std::uint32_t>(*at), to);
+    }
   }
-  return true;
+  return {at, to};
 }
 
 }  // namespace
@@ -639,17 +644,18 @@ std::size_t utf32_utf8(char* destination, std::size_t capacity,
   if (destination == nullptr || capacity == 0) {
     return utf8_length(at, stop) + 1;
   }
-  char* to = destination;
   // One byte is kept for the terminator.
-  const char* const end = destination + (capacity - 1);
-  if (encode(at, stop, to, end)) {
-    *to = '\0';
-    return static_cast<std::size_t>(to - destination) + 1;
+  const Encoded encoded =
+      encode(at, stop, destination, destination + (capacity - 1));
+  const auto written = static_cast<std::size_t>(encoded.to - destination);
+  if (encoded.at == stop) {
+    *encoded.to = '\0';
+    return written + 1;
   }
   // Nothing is written behind a character that did not fit, not even a shorter
   // one.
   destination[capacity - 1] = '\0';
-  return static_cast<std::size_t>(to - destination) + utf8_length(at, stop) + 1;
+  return written + utf8_length(encoded.at, stop) + 1;
 }
 
 namespace {
@@ -1542,20 +1548,30 @@ class Operand {
   VARIANT converted_ = {};
 };
 
+// Field by field: a value built in pieces and then copied as one would have to
+// wait for the pieces.
+void set_type(VARIANT* result, VARTYPE vt) {
+  result->vt = vt;
+  result->wReserved1 = 0;
+  result->wReserved2 = 0;
+  result->wReserved3 = 0;
+  result->ullVal = 0;
+}
+
 HRESULT store(VARIANT* result, std::int64_t value) {
-  *result = value_of(VT_I8);
+  set_type(result, VT_I8);
   result->llVal = value;
   return S_OK;
 }
 
 HRESULT store(VARIANT* result, double value) {
-  *result = value_of(VT_R8);
+  set_type(result, VT_R8);
   result->dblVal = value;
   return S_OK;
 }
 
 HRESULT store_bool(VARIANT* result, unsigned bits) {
-  *result = value_of(VT_BOOL);
+  set_type(result, VT_BOOL);
   result->uiVal = static_cast<std::uint16_t>(bits);
   return S_OK;
 }
