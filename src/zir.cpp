@@ -42,6 +42,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace {
@@ -515,6 +516,8 @@ bool narrow(const wchar_t* first, const wchar_t* second, __m128i& bytes) {
   return true;
 }
 
+std::uint32_t code_of(wchar_t unit) { return static_cast<std::uint32_t>(unit); }
+
 // The bytes of a character.
 std::size_t utf8_length(std::uint32_t value) {
   return std::size_t{1} + static_cast<std::size_t>(value >= 0x80) +
@@ -552,7 +555,7 @@ std::size_t utf8_length(const wchar_t* at, const wchar_t* end) {
         static_cast<std::size_t>(-(lanes[0] + lanes[1] + lanes[2] + lanes[3]));
   }
   for (; at < end; ++at) {
-    length += utf8_length(static_cast<std::uint32_t>(*at));
+    length += utf8_length(code_of(*at));
   }
   return length;
 }
@@ -609,13 +612,13 @@ Encoded encode(const wchar_t* at, const wchar_t* stop, char* to,
     const wchar_t* const singly_stop =
         at + std::min({rest, kSinglyAtOnce, (end - to) / kLongest});
     if (at == singly_stop) {
-      const auto value = static_cast<std::uint32_t>(*at);
+      const auto value = code_of(*at);
       if (static_cast<std::size_t>(end - to) < utf8_length(value)) break;
       to = encode(value, to);
       ++at;
     }
     for (; at < singly_stop; ++at) {
-      to = encode(static_cast<std::uint32_t>(*at), to);
+      to = encode(code_of(*at), to);
     }
   }
   return {at, to};
@@ -674,8 +677,8 @@ std::size_t copy_units(To* destination, std::size_t capacity,
     }
     if (!accept(source[units])) return 0;
     if (write) {
-      destination[units] =
-          static_cast<To>(static_cast<std::uint32_t>(source[units]));
+      destination[units] = static_cast<To>(
+          static_cast<std::make_unsigned_t<From>>(source[units]));
     }
   }
   if (write) destination[units] = 0;
@@ -962,6 +965,7 @@ void deepen(VARIANT* copy) {
       if (const char* const text = copy->pszVal; text != nullptr) {
         const std::size_t size = std::strlen(text) + 1;
         copy->pszVal = static_cast<char*>(std::malloc(size));
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): values share no text
         if (copy->pszVal != nullptr) std::memcpy(copy->pszVal, text, size);
       }
       break;

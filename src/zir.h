@@ -237,7 +237,7 @@ struct IDispatch;
 struct SAFEARRAY;
 
 /// Type of a VARIANT's payload, and the flags that go with it.
-enum VARENUM : int {
+enum VARENUM : VARTYPE {
   VT_EMPTY = 0,
   VT_NULL = 1,
   VT_I2 = 2,
@@ -514,7 +514,8 @@ struct IContextProperties : IUnknown {
   ~IContextProperties() = default;
 };
 
-/// The reading half of IContextProperties.
+/// The reading half of IContextProperties. A context is handed out as one
+/// pointer for both; C++ callers hold it as the larger interface.
 struct IGetContextProperties : IUnknown {
   virtual HRESULT Count(LONG* count) = 0;
   virtual HRESULT GetProperty(const wchar_t* name, VARIANT* value) = 0;
@@ -770,9 +771,10 @@ ZIRDB_API void CoUninitialize();
 // Object context
 // ---------------------------------------------------------------------------
 
-/// The thread's context as IID_IContextProperties or IID_IGetContextProperties,
-/// with one reference for the caller. E_FAIL without CoInitializeEx,
-/// E_NOINTERFACE for any other id. Not for other threads.
+/// The thread's context, an IContextProperties for IID_IContextProperties and
+/// for IID_IGetContextProperties, with one reference for the caller. E_FAIL
+/// without CoInitializeEx, E_NOINTERFACE for any other id. Not for other
+/// threads.
 ZIRDB_API HRESULT CoGetObjectContext(REFIID riid, void** object);
 
 /// Makes `error` the thread's error object and holds a reference on it until
@@ -955,7 +957,7 @@ class _variant_t : public VARIANT {
     return *this = _variant_t(object);
   }
 
-  /// Takes over what `value` owns; what was held is freed.
+  /// Takes over what `value`, another one, owns; what was held is freed.
   void Attach(const VARIANT& value) noexcept {
     const VARIANT taken = value;
     VariantClear(this);
