@@ -963,9 +963,9 @@ void deepen(VARIANT* copy) {
       break;
     case VT_LPSTR:
       if (const char* const text = copy->pszVal; text != nullptr) {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): values share no text
         const std::size_t size = std::strlen(text) + 1;
         copy->pszVal = static_cast<char*>(std::malloc(size));
-        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): values share no text
         if (copy->pszVal != nullptr) std::memcpy(copy->pszVal, text, size);
       }
       break;
