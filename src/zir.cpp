@@ -145,18 +145,18 @@ BSTR allocate_text(std::uint64_t count) {
 inline BSTR copy_text(const wchar_t* units, std::uint64_t count) {
   wchar_t* const string = allocate_text(count);
   if (string == nullptr) return nullptr;
-  struct Half {
+  struct Part {
     wchar_t units[8];
   };
-  constexpr std::uint64_t kHalf = std::size(Half().units);
-  if (count < kHalf || count > 2 * kHalf) {
+  constexpr std::uint64_t kPart = std::size(Part().units);
+  if (count < kPart || count > 2 * kPart) {
     std::memcpy(string, units, sizeof(wchar_t) * count);
     return string;
   }
   // Most texts of a database are short, and a call costs as much as copying
-  // them does: two halves that overlap in the middle.
-  std::memcpy(string, units, sizeof(Half));
-  std::memcpy(string + count - kHalf, units + count - kHalf, sizeof(Half));
+  // them does: two parts that overlap in the middle.
+  std::memcpy(string, units, sizeof(Part));
+  std::memcpy(string + count - kPart, units + count - kPart, sizeof(Part));
   return string;
 }
 
@@ -164,7 +164,9 @@ void free_string(BSTR string) {
   if (string != nullptr) std::free(&count_of(string));
 }
 
-const wchar_t* text_of(BSTR string) { return string != nullptr ? string : L""; }
+const wchar_t* text_of(const wchar_t* string) {
+  return string != nullptr ? string : L"";
+}
 
 struct Free {
   void operator()(void* block) const { std::free(block); }
@@ -204,9 +206,8 @@ void SysFreeString(BSTR string) { free_string(string); }
 //
 // ASCII goes 16 characters at a time, and so does text that is ASCII in parts;
 // a script without ASCII is decoded character by character, its bytes checked
-// together. Nothing is read or written that a loop over single characters would
-// not have touched: a source may end at the end of a page, and what lies behind
-// the output is the caller's.
+// together. Of a text nothing behind its terminator, or behind what fits, is
+// read, and what lies behind the output is the caller's.
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -475,8 +476,8 @@ Walked decode_utf8(const Byte* at, std::size_t room, wchar_t* to) {
       walked.outcome = *walked.at == 0 ? Walk::finished : Walk::cut;
       break;
     }
-    // At least so many bytes are read for the units there is room for, so that
-    // this looks at nothing that would not be looked at anyway.
+    // So many units take at least so many bytes: a text that is cut need not be
+    // terminated.
     const auto* const text = reinterpret_cast<const char*>(walked.at);
     const std::size_t count =
         kWrite ? strnlen(text, room - walked.units) : std::strlen(text);
@@ -641,15 +642,17 @@ std::size_t utf8_utf32(wchar_t* destination, std::size_t capacity,
 
 std::size_t utf32_utf8(char* destination, std::size_t capacity,
                        const wchar_t* source) {
-  if (source == nullptr) source = L"";
-  const wchar_t* at = source;
-  const wchar_t* const stop = source + std::wcslen(source);
+  const wchar_t* const at = text_of(source);
+  const wchar_t* const stop = at + std::wcslen(at);
   if (destination == nullptr || capacity == 0) {
     return utf8_length(at, stop) + 1;
   }
-  // One byte is kept for the terminator.
-  const Encoded encoded =
-      encode(at, stop, destination, destination + (capacity - 1));
+  // One byte is kept for the terminator. No more is counted on than the text
+  // can need: callers may name any capacity for a buffer that is large enough.
+  const std::size_t room =
+      std::min(capacity - 1,
+               static_cast<std::size_t>(stop - at) * std::size_t{kLongest});
+  const Encoded encoded = encode(at, stop, destination, destination + room);
   const auto written = static_cast<std::size_t>(encoded.to - destination);
   if (encoded.at == stop) {
     *encoded.to = '\0';
@@ -697,9 +700,9 @@ std::size_t utf16_utf32(wchar_t* destination, std::size_t capacity,
 
 std::size_t utf32_utf16(std::uint16_t* destination, std::size_t capacity,
                         const wchar_t* source) {
-  return copy_units(
-      destination, capacity, text_of(const_cast<BSTR>(source)),
-      [](wchar_t unit) { return static_cast<std::uint32_t>(unit) <= 0x7FFF; });
+  return copy_units(destination, capacity, text_of(source), [](wchar_t unit) {
+    return static_cast<std::uint32_t>(unit) <= 0x7FFF;
+  });
 }
 
 // ---------------------------------------------------------------------------
@@ -850,6 +853,8 @@ SAFEARRAY* SafeArrayCreateVector(VARTYPE type, LONG lower_bound,
 HRESULT SafeArrayDestroy(SAFEARRAY* array) {
   if (array == nullptr) return E_INVALIDARG;
   if (array->cLocks != 0) return DISP_E_ARRAYISLOCKED;
+  // An element that is released may reach for the array once more.
+  array->cLocks = 1;
   if ((array->fFeatures & FADF_VARIANT) != 0) {
     for_each_element<VARIANT>(
         array, [](VARIANT& value, std::uint64_t) { VariantClear(&value); });
@@ -858,6 +863,7 @@ HRESULT SafeArrayDestroy(SAFEARRAY* array) {
       SysFreeString(std::exchange(string, nullptr));
     });
   }
+  array->cLocks = 0;
   if ((array->fFeatures & FADF_AUTO) != 0) {
     std::free(array->pvData);
     std::free(array);
@@ -1044,11 +1050,8 @@ bool read_date(const char* text, struct tm& time) {
       "%Y/%m/%d %H:%M:%S", "%Y/%m/%d %H:%M", "%Y/%m/%d",
       "%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d",
   };
-  if (std::any_of(std::begin(kFormats), std::end(kFormats),
-                  [&](const char* format) {
-                    return strptime(text, format, &time) != nullptr;
-                  })) {
-    return true;
+  for (const char* const format : kFormats) {
+    if (strptime(text, format, &time) != nullptr) return true;
   }
   if (strptime(text, "%H:%M:%S", &time) == nullptr) return false;
   time.tm_year = -1;
@@ -1345,14 +1348,14 @@ HRESULT to_lpstr(const VARIANT& from, VARIANT& to, int /*depth*/) {
   if (from.bstrVal == nullptr) return S_OK;
   const std::size_t size = utf32_utf8(nullptr, 0, from.bstrVal);
   to.pszVal = static_cast<char*>(std::malloc(size));
-  if (to.pszVal == nullptr) return E_OUTOFMEMORY;
+  if (to.pszVal == nullptr) return E_INVALIDARG;
   utf32_utf8(to.pszVal, size, from.bstrVal);
   return S_OK;
 }
 
 HRESULT store_text(const wchar_t* units, std::size_t count, VARIANT& to) {
   to.bstrVal = copy_text(units, count);
-  return to.bstrVal != nullptr ? S_OK : E_OUTOFMEMORY;
+  return to.bstrVal != nullptr ? S_OK : E_INVALIDARG;
 }
 
 template <class Integer>
@@ -1361,7 +1364,7 @@ HRESULT store_integer(Integer value, VARIANT& to) {
   char* const end = std::to_chars(digits, digits + sizeof digits, value).ptr;
   const auto count = static_cast<std::size_t>(end - digits);
   to.bstrVal = allocate_text(count);
-  if (to.bstrVal == nullptr) return E_OUTOFMEMORY;
+  if (to.bstrVal == nullptr) return E_INVALIDARG;
   std::copy(digits, end, to.bstrVal);
   return S_OK;
 }
@@ -1405,7 +1408,7 @@ HRESULT store_utf8(const char* text, VARIANT& to) {
   const std::size_t size = utf8_utf32(nullptr, 0, text);
   if (size == 0) return store_text(L"", 0, to);  // not UTF-8
   to.bstrVal = allocate_text(size);
-  if (to.bstrVal == nullptr) return E_OUTOFMEMORY;
+  if (to.bstrVal == nullptr) return E_INVALIDARG;
   utf8_utf32(to.bstrVal, size, text);
   return S_OK;
 }
@@ -1523,6 +1526,18 @@ HRESULT VariantChangeType(VARIANT* destination, const VARIANT* source,
 
 namespace {
 
+struct Operands {
+  const VARIANT* left;
+  const VARIANT* right;
+};
+
+// What two operands stand for; no left one when either is missing.
+Operands operands(const VARIANT* left, const VARIANT* right) {
+  left = dereferenced(left);
+  right = dereferenced(right);
+  return {right != nullptr ? left : nullptr, right};
+}
+
 // An operand, and the converted value that stands in its place.
 class Operand {
  public:
@@ -1580,54 +1595,48 @@ HRESULT store_bool(VARIANT* result, unsigned bits) {
   return S_OK;
 }
 
+enum Rules : unsigned {
+  kBoolIsInteger = 1,    // a VT_BOOL operand becomes a VT_I8
+  kIntegerConverts = 2,  // a VT_I8 makes the other operand one
+  kConcatenates = 4,     // two texts
+  kDivides = 8,
+};
+
 struct Arithmetic {
   const char* name;
   int stub_line;
-  bool bool_is_integer;   // a VT_BOOL operand becomes a VT_I8
-  bool integer_converts;  // a VT_I8 makes the other operand one
-  bool concatenates;      // two texts
-  bool divides;
+  unsigned rules;
   std::int64_t (*of_integers)(std::int64_t, std::int64_t);
   double (*of_doubles)(double, double);
 };
 
-constexpr Arithmetic kAdd = {"VarAdd",
-                             728,
-                             false,
-                             true,
-                             true,
-                             false,
-                             [](std::int64_t l, std::int64_t r) {
-                               return wrapped(bits_of(l) + bits_of(r));
-                             },
-                             [](double l, double r) { return l + r; }};
-constexpr Arithmetic kSub = {"VarSub",
-                             759,
-                             false,
-                             false,
-                             false,
-                             false,
-                             [](std::int64_t l, std::int64_t r) {
-                               return wrapped(bits_of(l) - bits_of(r));
-                             },
-                             [](double l, double r) { return l - r; }};
-constexpr Arithmetic kMul = {"VarMul",
-                             633,
-                             true,
-                             false,
-                             false,
-                             false,
-                             [](std::int64_t l, std::int64_t r) {
-                               return wrapped(bits_of(l) * bits_of(r));
-                             },
-                             [](double l, double r) { return l * r; }};
-constexpr Arithmetic kDiv = {
-    "VarDiv", 686,  false,   false,
-    false,    true, nullptr, [](double l, double r) { return l / r; }};
+std::int64_t add(std::int64_t left, std::int64_t right) {
+  return wrapped(bits_of(left) + bits_of(right));
+}
+std::int64_t subtract(std::int64_t left, std::int64_t right) {
+  return wrapped(bits_of(left) - bits_of(right));
+}
+std::int64_t multiply(std::int64_t left, std::int64_t right) {
+  return wrapped(bits_of(left) * bits_of(right));
+}
+double add(double left, double right) { return left + right; }
+double subtract(double left, double right) { return left - right; }
+double multiply(double left, double right) { return left * right; }
+double divide(double left, double right) { return left / right; }
+
+constexpr Arithmetic kAdd = {"VarAdd", 728, kIntegerConverts | kConcatenates,
+                             add, add};
+constexpr Arithmetic kSub = {"VarSub", 759, 0, subtract, subtract};
+constexpr Arithmetic kMul = {"VarMul", 633, kBoolIsInteger, multiply, multiply};
+constexpr Arithmetic kDiv = {"VarDiv", 686, kDivides, nullptr, divide};
+
+constexpr bool has(const Arithmetic& row, Rules rule) {
+  return (row.rules & rule) != 0;
+}
 
 template <const Arithmetic& kRow>
 HRESULT calculate(std::int64_t left, std::int64_t right, VARIANT* result) {
-  if constexpr (kRow.divides) {
+  if constexpr (has(kRow, kDivides)) {
     if (right == 0) return DISP_E_DIVBYZERO;
     return store(result, kRow.of_doubles(static_cast<double>(left),
                                          static_cast<double>(right)));
@@ -1638,7 +1647,7 @@ HRESULT calculate(std::int64_t left, std::int64_t right, VARIANT* result) {
 
 template <const Arithmetic& kRow>
 HRESULT calculate(double left, double right, VARIANT* result) {
-  if (kRow.divides && right == 0.0) return DISP_E_DIVBYZERO;
+  if (has(kRow, kDivides) && right == 0.0) return DISP_E_DIVBYZERO;
   return store(result, kRow.of_doubles(left, right));
 }
 
@@ -1649,14 +1658,16 @@ __attribute__((noinline)) HRESULT calculate_converted(const VARIANT* l,
                                                       VARIANT* result) {
   Operand left(l);
   Operand right(r);
-  if (kRow.bool_is_integer) {
+  if (has(kRow, kBoolIsInteger)) {
     if (left.type() == VT_BOOL) left.convert_to(VT_I8);
     if (right.type() == VT_BOOL) right.convert_to(VT_I8);
   }
-  if (kRow.integer_converts && right.type() == VT_I8) left.convert_to(VT_I8);
+  if (has(kRow, kIntegerConverts) && right.type() == VT_I8)
+    left.convert_to(VT_I8);
   if (right.type() == VT_R8) left.convert_to(VT_R8);
   if (left.type() == VT_R8) right.convert_to(VT_R8);
-  if (kRow.integer_converts && left.type() == VT_I8) right.convert_to(VT_I8);
+  if (has(kRow, kIntegerConverts) && left.type() == VT_I8)
+    right.convert_to(VT_I8);
 
   if (left.type() == VT_R8 && right.type() == VT_R8) {
     return calculate<kRow>(left->dblVal, right->dblVal, result);
@@ -1670,18 +1681,15 @@ __attribute__((noinline)) HRESULT calculate_converted(const VARIANT* l,
 
 template <const Arithmetic& kRow>
 HRESULT arithmetic(VARIANT* l, VARIANT* r, VARIANT* result) {
-  const VARIANT* const left = dereferenced(l);
-  const VARIANT* const right = dereferenced(r);
-  if (left == nullptr || right == nullptr || result == nullptr) {
-    return E_INVALIDARG;
-  }
+  const auto [left, right] = operands(l, r);
+  if (left == nullptr || result == nullptr) return E_INVALIDARG;
   if (left->vt == VT_I8 && right->vt == VT_I8) {
     return calculate<kRow>(left->llVal, right->llVal, result);
   }
   if (left->vt == VT_R8 && right->vt == VT_R8) {
     return calculate<kRow>(left->dblVal, right->dblVal, result);
   }
-  if (kRow.concatenates && left->vt == VT_BSTR && right->vt == VT_BSTR) {
+  if (has(kRow, kConcatenates) && left->vt == VT_BSTR && right->vt == VT_BSTR) {
     return VarCat(l, r, result);
   }
   return calculate_converted<kRow>(left, right, result);
@@ -1703,11 +1711,8 @@ HRESULT VarDiv(VARIANT* left, VARIANT* right, VARIANT* result) {
 }
 
 HRESULT VarMod(VARIANT* l, VARIANT* r, VARIANT* result) {
-  const VARIANT* const left = dereferenced(l);
-  const VARIANT* const right = dereferenced(r);
-  if (left == nullptr || right == nullptr || result == nullptr) {
-    return E_INVALIDARG;
-  }
+  const auto [left, right] = operands(l, r);
+  if (left == nullptr || result == nullptr) return E_INVALIDARG;
   if (left->vt != VT_I8 || right->vt != VT_I8) {
     return unsupported_types("VarMod", 651, left->vt, right->vt);
   }
@@ -1718,11 +1723,8 @@ HRESULT VarMod(VARIANT* l, VARIANT* r, VARIANT* result) {
 }
 
 HRESULT VarPow(VARIANT* l, VARIANT* r, VARIANT* result) {
-  const VARIANT* const left = dereferenced(l);
-  const VARIANT* const right = dereferenced(r);
-  if (left == nullptr || right == nullptr || result == nullptr) {
-    return E_INVALIDARG;
-  }
+  const auto [left, right] = operands(l, r);
+  if (left == nullptr || result == nullptr) return E_INVALIDARG;
   const auto is_number = [](const VARIANT* value) {
     return value->vt == VT_I8 || value->vt == VT_R8;
   };
@@ -1740,11 +1742,8 @@ HRESULT VarPow(VARIANT* l, VARIANT* r, VARIANT* result) {
 }
 
 HRESULT VarCat(VARIANT* l, VARIANT* r, VARIANT* result) {
-  const VARIANT* const l_value = dereferenced(l);
-  const VARIANT* const r_value = dereferenced(r);
-  if (l_value == nullptr || r_value == nullptr || result == nullptr) {
-    return E_INVALIDARG;
-  }
+  const auto [l_value, r_value] = operands(l, r);
+  if (l_value == nullptr || result == nullptr) return E_INVALIDARG;
   if (l_value->vt == VT_NULL && r_value->vt == VT_NULL) {
     *result = value_of(VT_NULL);
     return S_OK;
@@ -1830,9 +1829,8 @@ __attribute__((noinline)) HRESULT compare_converted(const VARIANT* l,
 
 HRESULT VarCmp(VARIANT* l, VARIANT* r, LCID /*lcid*/,
                zir_types::ULONG /*flags*/) {
-  const VARIANT* const left = dereferenced(l);
-  const VARIANT* const right = dereferenced(r);
-  if (left == nullptr || right == nullptr) return E_INVALIDARG;
+  const auto [left, right] = operands(l, r);
+  if (left == nullptr) return E_INVALIDARG;
   if (left->vt == VT_I8 && right->vt == VT_I8) {
     return compared(left->llVal, right->llVal);
   }
@@ -1859,11 +1857,8 @@ constexpr Logical kXor = {"VarXor", 423,
 
 template <const Logical& kRow>
 HRESULT logical(VARIANT* l, VARIANT* r, VARIANT* result) {
-  const VARIANT* const left = dereferenced(l);
-  const VARIANT* const right = dereferenced(r);
-  if (left == nullptr || right == nullptr || result == nullptr) {
-    return E_INVALIDARG;
-  }
+  const auto [left, right] = operands(l, r);
+  if (left == nullptr || result == nullptr) return E_INVALIDARG;
   if (left->vt != VT_BOOL || right->vt != VT_BOOL) {
     return unsupported_types(kRow.name, kRow.stub_line, left->vt, right->vt);
   }
@@ -2003,7 +1998,7 @@ HMODULE LoadLibraryW(const wchar_t* name) try {
   char stem[256] = {};
   if (utf32_utf8(stem, sizeof stem, name) >= sizeof stem) return nullptr;
   return zir_dlopen_stem(stem);
-} catch (...) {
+} catch (const std::bad_alloc&) {
   return nullptr;
 }
 
@@ -2200,8 +2195,11 @@ class CoContext final : public IContextProperties,
   zir_types::ULONG AddRef() override { return ++m_refc; }
   zir_types::ULONG Release() override {
     const zir_types::ULONG left = --m_refc;
-    if (left == 0) delete this;
-    return left;
+    if (left != 0) return left;
+    // A property that is destroyed with the context may still use it.
+    m_refc = 1;
+    delete this;
+    return 0;
   }
 
   HRESULT Count(LONG* /*count*/) override {

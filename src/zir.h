@@ -327,7 +327,7 @@ struct SAFEARRAY {
   void* pvData;
   SAFEARRAYBOUND rgsabound[1];
 };
-static_assert(offsetof(SAFEARRAY, fFeatures) == 2 &&
+static_assert(sizeof(SAFEARRAY) == 40 && offsetof(SAFEARRAY, fFeatures) == 2 &&
               offsetof(SAFEARRAY, cbElements) == 4 &&
               offsetof(SAFEARRAY, cLocks) == 8 &&
               offsetof(SAFEARRAY, pvData) == 16 &&
@@ -345,7 +345,9 @@ struct EXCEPINFO {
   HRESULT (*pfnDeferredFillIn)(EXCEPINFO*);  ///< never called by the runtime
   SCODE scode;
 };
-static_assert(sizeof(EXCEPINFO) == 64 && offsetof(EXCEPINFO, bstrSource) == 8 &&
+static_assert(sizeof(EXCEPINFO) == 64 && offsetof(EXCEPINFO, wReserved) == 2 &&
+              offsetof(EXCEPINFO, bstrSource) == 8 &&
+              offsetof(EXCEPINFO, bstrDescription) == 16 &&
               offsetof(EXCEPINFO, bstrHelpFile) == 24 &&
               offsetof(EXCEPINFO, dwHelpContext) == 32 &&
               offsetof(EXCEPINFO, pvReserved) == 40 &&
@@ -376,7 +378,10 @@ struct DISPPARAMS {
   UINT cArgs;
   UINT cNamedArgs;
 };
-static_assert(sizeof(DISPPARAMS) == 24 && offsetof(DISPPARAMS, cArgs) == 16);
+static_assert(sizeof(DISPPARAMS) == 24 &&
+              offsetof(DISPPARAMS, rgdispidNamedArgs) == 8 &&
+              offsetof(DISPPARAMS, cArgs) == 16 &&
+              offsetof(DISPPARAMS, cNamedArgs) == 20);
 
 constexpr DISPID DISPID_VALUE = 0;  ///< the default member
 constexpr DISPID DISPID_UNKNOWN = -1;
@@ -444,8 +449,9 @@ struct IDispatch : IUnknown {
                                 LCID lcid, DISPID* ids) = 0;
   /// Calls a member. `flags` is one or more of DISPATCH_*. The arguments stay
   /// the caller's, and so does what comes back: `result` (initialised by the
-  /// callee) and, after DISP_E_EXCEPTION, the strings of `exception`. `result`,
-  /// `exception` and `bad_argument` may be NULL.
+  /// callee) and, after DISP_E_EXCEPTION, the strings of `exception`.
+  /// `exception` and `bad_argument` may be NULL, and `result` where nothing is
+  /// read.
   virtual HRESULT Invoke(DISPID member, REFIID riid, LCID lcid, WORD flags,
                          DISPPARAMS* parameters, VARIANT* result,
                          EXCEPINFO* exception, UINT* bad_argument) = 0;
@@ -496,6 +502,8 @@ struct IErrorInfo : IUnknown {
 
 /// The named values of a thread's object context. Names are compared exactly.
 /// A NULL name raises std::logic_error, a lack of memory std::bad_alloc.
+/// Deliberate: QueryInterface answers E_NOTIMPL and stores nothing;
+/// CoGetObjectContext is the way to this interface.
 struct IContextProperties : IUnknown {
   /// Not implemented: a stub line (285, no detail) and E_NOTIMPL.
   virtual HRESULT Count(LONG* count) = 0;
@@ -543,7 +551,8 @@ ZIRDB_API HRESULT VariantClear(VARIANT* value);
 /// Clears `destination` and makes it a deep copy of `source`: texts up to their
 /// first zero, interfaces with a reference of their own, arrays with all
 /// elements; by-reference values keep their pointer. A value copied onto itself
-/// ends as VT_EMPTY. Always S_OK; without memory the payload is NULL.
+/// ends as VT_EMPTY; `source` must not be something that `destination` owns.
+/// Always S_OK; without memory the payload is NULL.
 ZIRDB_API HRESULT VariantCopy(VARIANT* destination, const VARIANT* source);
 
 /// A new, unlocked array of `dimensions` bounds. `type` is VT_VARIANT (elements
@@ -609,7 +618,9 @@ extern "C" {
 /// Numbers read from a text may have white space in front and anything behind.
 /// A pair that is not listed prints a stub line ("vt:SOURCE->TARGET") and gives
 /// E_INVALIDARG; a text that cannot be read gives E_INVALIDARG. A default
-/// member's own failure is returned as it is. E_OUTOFMEMORY without memory.
+/// member's own failure is returned as it is; after 64 members that answer with
+/// an object it is E_INVALIDARG, and so it is without memory. `source` must not
+/// be something that `destination` owns.
 ZIRDB_API HRESULT VariantChangeType(VARIANT* destination, const VARIANT* source,
                                     USHORT flags, VARTYPE type);
 
@@ -725,7 +736,8 @@ ZIRDB_API HMODULE LoadLibraryW(const wchar_t* name);
 /// The main program's handle for NULL, NULL for any name.
 ZIRDB_API HMODULE GetModuleHandleW(const wchar_t* name);
 
-/// The address of a symbol, or NULL.
+/// The address of a symbol, or NULL. A NULL `module` searches the whole
+/// program.
 ZIRDB_API void* GetProcAddress(HMODULE module, const char* name);
 
 /// Makes an object by class id, from the library "{CLSID}.so" (upper case), and
@@ -736,7 +748,8 @@ ZIRDB_API HRESULT CoCreateInstance(REFCLSID clsid, IUnknown* outer,
                                    DWORD context, REFIID riid, void** object);
 
 /// The same by name, "ZIRDB.Connection"; the part before the first dot is
-/// upper-cased. CO_E_CLASSSTRING in place of E_FAIL. At most 255 characters.
+/// upper-cased. CO_E_CLASSSTRING in place of E_FAIL. Names are cut behind 255
+/// characters.
 ZIRDB_API HRESULT CoCreateInstanceByName(const wchar_t* program_id,
                                          IUnknown* outer, DWORD context,
                                          REFIID riid, void** object);
@@ -745,9 +758,10 @@ ZIRDB_API HRESULT CoCreateInstanceByName(const wchar_t* program_id,
 ZIRDB_API HRESULT CoGetObject(const wchar_t* name, BIND_OPTS* options,
                               REFIID riid, void** object);
 
-/// Reads the ".clsid" file of a program id. CO_E_CLASSSTRING without
-/// "REGISTRY" or file; E_FAIL for a malformed file, of which the fields read so
-/// far have been stored.
+/// Reads the ".clsid" file of a program id, which is cut behind 255 bytes of
+/// UTF-8. CO_E_CLASSSTRING without "REGISTRY" or file; E_FAIL for a malformed
+/// file, of which the fields read so far have been stored; E_INVALIDARG for a
+/// NULL `clsid`; E_OUTOFMEMORY.
 ZIRDB_API HRESULT CLSIDFromProgID(const wchar_t* program_id, CLSID* clsid);
 
 /// Not implemented: a stub line (176, the text) and E_NOTIMPL.
@@ -877,10 +891,19 @@ static_assert(sizeof(_str_t) == 8);
 /// their first zero.
 class _variant_t : public VARIANT {
   template <class T>
+  static constexpr bool is_character =
+      std::is_same_v<T, wchar_t> || std::is_same_v<T, char16_t> ||
+      std::is_same_v<T, char32_t>;
+  // Plain enumerations convert, scoped ones do not.
+  template <class T>
   using if_integer =
-      std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool> &&
-                           !std::is_same_v<T, wchar_t>,
+      std::enable_if_t<!std::is_floating_point_v<T> && !std::is_pointer_v<T> &&
+                           !std::is_class_v<T> && !std::is_same_v<T, bool> &&
+                           !is_character<T> &&
+                           std::is_convertible_v<T, std::int64_t>,
                        int>;
+  template <class T>
+  using if_floating = std::enable_if_t<std::is_floating_point_v<T>, int>;
   template <class T>
   using if_bool = std::enable_if_t<std::is_same_v<T, bool>, int>;
 
@@ -896,16 +919,17 @@ class _variant_t : public VARIANT {
     bstrVal = _bstr_t(text).Detach();
     vt = VT_BSTR;
   }
-  /// VT_I8.
+  /// VT_I8, of integers and plain enumerations; characters are neither.
   template <class Integer, if_integer<Integer> = 0>
   _variant_t(Integer value) noexcept : VARIANT() {
     vt = VT_I8;
     llVal = static_cast<std::int64_t>(value);
   }
   /// VT_R8.
-  _variant_t(double value) noexcept : VARIANT() {
+  template <class Floating, if_floating<Floating> = 0>
+  _variant_t(Floating value) noexcept : VARIANT() {
     vt = VT_R8;
-    dblVal = value;
+    dblVal = static_cast<double>(value);
   }
   /// VT_BOOL. Nothing but a bool: a pointer is not a truth value.
   template <class Bool, if_bool<Bool> = 0>
@@ -946,7 +970,8 @@ class _variant_t : public VARIANT {
   _variant_t& operator=(Integer value) noexcept {
     return *this = _variant_t(value);
   }
-  _variant_t& operator=(double value) noexcept {
+  template <class Floating, if_floating<Floating> = 0>
+  _variant_t& operator=(Floating value) noexcept {
     return *this = _variant_t(value);
   }
   template <class Bool, if_bool<Bool> = 0>
@@ -971,7 +996,8 @@ class _variant_t : public VARIANT {
     return value;
   }
 
-  /// Whether VariantChangeType makes VT_BOOL true of it; false where it cannot.
+  /// Whether VariantChangeType makes VT_BOOL true of it; false where it cannot,
+  /// after the stub line that says so.
   explicit operator bool() const {
     if (vt == VT_BOOL) return boolVal != VARIANT_FALSE;
     _variant_t truth;
@@ -981,7 +1007,8 @@ class _variant_t : public VARIANT {
 };
 static_assert(sizeof(_variant_t) == 16);
 
-/// Whether VarCmp calls the left less; an error counts as false.
+/// Whether VarCmp calls the left less; an error counts as false, after VarCmp's
+/// stub line.
 inline bool operator<(const _variant_t& left, const _variant_t& right) {
   return VarCmp(const_cast<_variant_t*>(&left), const_cast<_variant_t*>(&right),
                 0, 0) == VARCMP_LT;

@@ -92,6 +92,9 @@ if(NOT fuzz_problem)
   add_custom_target(fuzz_programs ALL DEPENDS ${fuzz_programs})
 endif()
 
+if(fuzz_problem)
+  message(STATUS "No fuzz targets: ${fuzz_problem}")
+endif()
 foreach(target IN LISTS fuzz_targets)
   if(fuzz_problem)
     add_test(NAME fuzz.${target}

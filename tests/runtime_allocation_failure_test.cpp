@@ -441,7 +441,7 @@ TEST(NoMemory, AConversionFailsAndItsTargetIsEmpty) {
                                            conversion.type);
                 });
                 if (attempt.failed()) {
-                  EXPECT_EQ(result, E_OUTOFMEMORY);
+                  EXPECT_EQ(result, E_INVALIDARG);
                   EXPECT_EQ(target.vt, VT_EMPTY);
                 } else {
                   EXPECT_EQ(result, S_OK);
@@ -464,7 +464,7 @@ TEST(NoMemory, AConversionInPlaceLeavesTheValueAsItWas) {
                   return VariantChangeType(&value, &value, 0, conversion.type);
                 });
                 if (attempt.failed()) {
-                  EXPECT_EQ(result, E_OUTOFMEMORY);
+                  EXPECT_EQ(result, E_INVALIDARG);
                   EXPECT_EQ(value.vt, before.vt);
                   EXPECT_EQ(value.llVal, before.llVal);
                 } else {
@@ -487,7 +487,7 @@ TEST(NoMemory, AConversionThroughAReferenceLeavesTheValueAsItWas) {
               });
               EXPECT_EQ(reference.vt, VT_BYREF | VT_VARIANT);
               if (attempt.failed()) {
-                EXPECT_EQ(result, E_OUTOFMEMORY);
+                EXPECT_EQ(result, E_INVALIDARG);
                 EXPECT_EQ(value.vt, VT_I8);
                 EXPECT_EQ(value.llVal, 12);
               } else {
@@ -600,7 +600,7 @@ TEST(NoMemory, JoiningANullWithANumberIsAConversion) {
                   return null_first ? VarCat(&null, &number, &joined)
                                     : VarCat(&number, &null, &joined);
                 });
-                EXPECT_EQ(result, attempt.failed() ? E_OUTOFMEMORY : S_OK);
+                EXPECT_EQ(result, attempt.failed() ? E_INVALIDARG : S_OK);
                 EXPECT_EQ(shown(joined), attempt.failed() ? L"20:7" : L"12");
               }),
               1);

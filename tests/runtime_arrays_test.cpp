@@ -364,6 +364,17 @@ TEST(SafeArrayDestroy, NestedArraysAreDestroyedAndReferencesLeftAlone) {
   EXPECT_EQ(object.references(), 2U);
 }
 
+TEST(SafeArrayDestroy, AnElementCannotDestroyTheArrayOnceMore) {
+  objects::Unknown object;
+  SAFEARRAY* const array = SafeArrayCreateVector(VT_VARIANT, 0, 2);
+  hold(static_cast<VARIANT*>(array->pvData), &object);
+  HRESULT again = S_OK;
+  object.on_release = [&] { again = SafeArrayDestroy(array); };
+  EXPECT_EQ(SafeArrayDestroy(array), S_OK);
+  EXPECT_EQ(again, DISP_E_ARRAYISLOCKED);
+  EXPECT_EQ(object.references(), 1U);
+}
+
 TEST(SafeArrayDestroy, ALockedArrayIsRefusedAndKept) {
   objects::Unknown object;
   OwnedArray array = vector_of(VT_VARIANT, 1);

@@ -800,6 +800,24 @@ TEST_F(CallBack, AValueThatEndsWithTheContextFindsNone) {
   EXPECT_EQ(object_.references(), 1U);
 }
 
+TEST_F(CallBack, AValueMayHoldTheDyingContextForAWhile) {
+  IContextProperties* const dying = properties().get();
+  set(L"a", _variant_t(&object_));
+  release();
+  std::uint32_t held = 0;
+  std::uint32_t left = 0;
+  object_.on_release = [&] {
+    held = dying->AddRef();
+    left = dying->Release();
+  };
+
+  CoUninitialize();
+
+  EXPECT_EQ(held, left + 1);
+  EXPECT_GT(left, 0U);
+  EXPECT_EQ(object_.references(), 1U);
+}
+
 TEST_F(CallBack, AValueMayEndTheInitialisationAgain) {
   set(L"a", _variant_t(&object_));
   set(L"b", _variant_t(&object_));

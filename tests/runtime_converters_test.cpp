@@ -1192,4 +1192,30 @@ TEST(Utf16AndUtf32, UnitsUpTo7FFFGoThereAndBack) {
   EXPECT_EQ(back, text);
 }
 
+// Callers who know that their buffer is large enough may name any capacity.
+TEST(AnyCapacity, IsLargeEnough) {
+  constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max();
+  const std::size_t capacities[] = {kMost, kMost - 1, kMost - 4, kMost / 2,
+                                    kMost / 2 + 2};
+  const std::wstring wide = L"a text of several blocks: \u00e9\u00e9, \u20ac";
+  const std::string bytes =
+      "a text of several blocks: \xC3\xA9\xC3\xA9, \xE2\x82\xAC";
+  const std::vector<std::uint16_t> words(wide.c_str(),
+                                         wide.c_str() + wide.size() + 1);
+  for (const std::size_t capacity : capacities) {
+    wchar_t units[64] = {};
+    char narrow[64] = {};
+    std::uint16_t halves[64] = {};
+    EXPECT_EQ(utf8_utf32(units, capacity, bytes.c_str()), wide.size() + 1);
+    EXPECT_EQ(units, wide);
+    EXPECT_EQ(utf32_utf8(narrow, capacity, wide.c_str()), bytes.size() + 1);
+    EXPECT_EQ(narrow, bytes);
+    EXPECT_EQ(utf32_utf16(halves, capacity, wide.c_str()), wide.size() + 1);
+    EXPECT_TRUE(std::equal(words.begin(), words.end(), halves));
+    std::fill(std::begin(units), std::end(units), L'x');
+    EXPECT_EQ(utf16_utf32(units, capacity, words.data()), wide.size() + 1);
+    EXPECT_EQ(units, wide);
+  }
+}
+
 }  // namespace

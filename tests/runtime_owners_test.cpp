@@ -280,6 +280,23 @@ TEST(OwnedVariant, DoublesTextsAndTruthValuesHaveTheirTypes) {
   EXPECT_EQ(no.ullVal, 0U);
 }
 
+TEST(OwnedVariant, PlainEnumerationsAreIntegers) {
+  const _variant_t type(VT_BSTR);
+  _variant_t assigned(L"before");
+  assigned = VT_R8;
+  EXPECT_EQ(type.vt, VT_I8);
+  EXPECT_EQ(type.llVal, 8);
+  EXPECT_EQ(assigned.vt, VT_I8);
+  EXPECT_EQ(assigned.llVal, 5);
+}
+
+TEST(OwnedVariant, CharactersAreNeitherIntegersNorTexts) {
+  static_assert(!std::is_constructible_v<_variant_t, wchar_t>);
+  static_assert(!std::is_constructible_v<_variant_t, char16_t>);
+  static_assert(!std::is_constructible_v<_variant_t, char32_t>);
+  static_assert(!std::is_assignable_v<_variant_t&, wchar_t>);
+}
+
 TEST(OwnedVariant, NoTextIsAStringThatIsNull) {
   const _variant_t value(static_cast<const wchar_t*>(nullptr));
   EXPECT_EQ(value.vt, VT_BSTR);

@@ -29,6 +29,12 @@ judge() {
 build=$2
 export -f judge
 export stamps tidy build
+# What is not configured, for want of a library say, has no entry there.
 # shellcheck disable=SC2016  # the inner shell expands it
 find src tests bench examples -name '*.cpp' -print0 |
+  while IFS= read -r -d '' source; do
+    if grep -qF "/$source\"" "$build/compile_commands.json"; then
+      printf '%s\0' "$source"
+    fi
+  done |
   xargs -0 -n 1 -P "$(nproc)" bash -c 'judge "$1"' judge
