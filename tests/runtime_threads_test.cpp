@@ -263,8 +263,9 @@ TEST(Threads, ActivationsAtTheSameTime) {
           CoCreateInstance(clsid, nullptr, 1, IID_IUnknown, nothing.out()),
           E_FAIL);
     }
-    const component::Log& log = registry::log_of_file(
-        folder.in("ZIRTHREAD" + std::to_string(number) + ".so"));
+    const std::string file =
+        folder.in("ZIRTHREAD" + std::to_string(number) + ".so");
+    const component::Log& log = registry::log_of_file(file);
     EXPECT_EQ(log.created, 20);
     EXPECT_EQ(log.live_objects, 0);
   });
