@@ -23,6 +23,8 @@
 
 namespace {
 
+using objects::context;
+
 // ---------------------------------------------------------------------------
 // Doubles
 // ---------------------------------------------------------------------------
@@ -80,14 +82,6 @@ class Thread : public testing::Test {
   Error error_;
   Error other_error_;
 };
-
-InterfacePtr<IContextProperties> context() {
-  InterfacePtr<IContextProperties> properties;
-  properties.receive([](void** out) {
-    return CoGetObjectContext(IID_IContextProperties, out);
-  });
-  return properties;
-}
 
 HRESULT has_context() {
   void* object = nullptr;

@@ -28,45 +28,21 @@
 
 #include "support/objects.h"
 #include "support/printed.h"
+#include "support/values.h"
 #include "zir.h"
 
 namespace {
 
-constexpr std::int64_t kSmallest = std::numeric_limits<std::int64_t>::min();
-constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-constexpr VARTYPE kReference = VT_BYREF | VT_VARIANT;
+using namespace values;
 
 // ---------------------------------------------------------------------------
 // Samples
 // ---------------------------------------------------------------------------
 
-std::uint64_t bits_of(double value) {
-  std::uint64_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  return bits;
-}
-
 double double_of(std::uint64_t bits) {
   double value = 0;
   std::memcpy(&value, &bits, sizeof value);
   return value;
-}
-
-VARIANT plain(VARTYPE type, std::uint64_t bits) {
-  VARIANT value{};
-  value.vt = type;
-  value.ullVal = bits;
-  return value;
-}
-
-VARIANT reference_to(VARIANT* value) {
-  VARIANT reference{};
-  reference.vt = kReference;
-  reference.pvarVal = value;
-  return reference;
 }
 
 /// A result that holds what nobody may free.
@@ -77,49 +53,12 @@ VARIANT garbage() {
   return value;
 }
 
-std::array<unsigned char, sizeof(VARIANT)> bytes_of(const VARIANT& value) {
-  std::array<unsigned char, sizeof(VARIANT)> bytes{};
-  std::memcpy(bytes.data(), &value, bytes.size());
-  return bytes;
-}
-
-bool same_bytes(const VARIANT& left, const VARIANT& right) {
-  return bytes_of(left) == bytes_of(right);
-}
-
-_variant_t owned(VARIANT value) {
-  _variant_t owner;
-  owner.Attach(value);
-  return owner;
-}
-
-/// A VT_BSTR with every unit of `text`, zeros included.
-_variant_t text_value(const std::wstring& text) {
-  VARIANT value{};
-  value.vt = VT_BSTR;
-  value.bstrVal =
-      SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-  return owned(value);
-}
-
-_variant_t lpstr_value(const char* text) {
-  VARIANT value{};
-  value.vt = VT_LPSTR;
-  value.pszVal = _str_t(text).Detach();
-  return owned(value);
-}
-
 _variant_t bytes_value(VARTYPE type) {
   VARIANT value{};
   value.vt = type;
   value.parray = SafeArrayCreateVector(VT_UI1, 0, 1);
   std::memset(value.parray->pvData, 'x', 1);
   return owned(value);
-}
-
-std::wstring text_of(const VARIANT& value) {
-  if (value.bstrVal == nullptr) return {};
-  return {value.bstrVal, SysStringLen(value.bstrVal)};
 }
 
 /// What a conversion gives: a value, a refusal with a stub line, or a failure
@@ -572,26 +511,6 @@ void PrintTo(const BinaryOperator& op, std::ostream* out) { *out << op.name; }
 
 HRESULT compare(VARIANT* left, VARIANT* right, VARIANT* /*result*/) {
   return VarCmp(left, right, 0xFFFF, 0xFFFF);
-}
-
-/// What `act(0)` to `act(count - 1)` print, one by one.
-template <class Act>
-std::vector<std::string> printed_by_each(std::size_t count, Act act) {
-  constexpr char kEnd = '\f';
-  const std::string all = printed::by([&] {
-    for (std::size_t i = 0; i < count; ++i) {
-      act(i);
-      std::putchar(kEnd);
-    }
-  });
-  std::vector<std::string> parts;
-  std::size_t from = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t end = all.find(kEnd, from);
-    parts.push_back(all.substr(from, end - from));
-    from = end + 1;
-  }
-  return parts;
 }
 
 _variant_t make(const Sample& sample) {

@@ -21,6 +21,8 @@
 
 namespace {
 
+using objects::context;
+
 constexpr int kThreads = 4;
 
 /// Lets all threads begin at once, so that they meet.
@@ -66,14 +68,6 @@ class Initialised {
  private:
   HRESULT result_;
 };
-
-InterfacePtr<IContextProperties> context() {
-  InterfacePtr<IContextProperties> properties;
-  properties.receive([](void** out) {
-    return CoGetObjectContext(IID_IContextProperties, out);
-  });
-  return properties;
-}
 
 /// An error object that is used on one thread.
 class Error final : public IErrorInfo {

@@ -6,6 +6,7 @@
 #define ZIRDB_TESTS_SUPPORT_OBJECTS_H
 
 #include <functional>
+#include <utility>
 
 #include "zir.h"
 
@@ -91,6 +92,15 @@ class Dispatch final : public IDispatch {
   std::uint32_t references_ = 1;
   int invocations_ = 0;
 };
+
+/// The thread's object context; empty without one.
+inline InterfacePtr<IContextProperties> context() {
+  InterfacePtr<IContextProperties> properties;
+  properties.receive([](void** out) {
+    return CoGetObjectContext(IID_IContextProperties, out);
+  });
+  return properties;
+}
 
 }  // namespace objects
 
