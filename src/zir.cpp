@@ -1662,12 +1662,14 @@ __attribute__((noinline)) HRESULT calculate_converted(const VARIANT* l,
     if (left.type() == VT_BOOL) left.convert_to(VT_I8);
     if (right.type() == VT_BOOL) right.convert_to(VT_I8);
   }
-  if (has(kRow, kIntegerConverts) && right.type() == VT_I8)
+  if (has(kRow, kIntegerConverts) && right.type() == VT_I8) {
     left.convert_to(VT_I8);
+  }
   if (right.type() == VT_R8) left.convert_to(VT_R8);
   if (left.type() == VT_R8) right.convert_to(VT_R8);
-  if (has(kRow, kIntegerConverts) && left.type() == VT_I8)
+  if (has(kRow, kIntegerConverts) && left.type() == VT_I8) {
     right.convert_to(VT_I8);
+  }
 
   if (left.type() == VT_R8 && right.type() == VT_R8) {
     return calculate<kRow>(left->dblVal, right->dblVal, result);

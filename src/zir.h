@@ -443,8 +443,12 @@ struct IUnknown {
 struct IDispatch : IUnknown {
   /// Stores 1 when there is type information and 0 otherwise.
   virtual HRESULT GetTypeInfoCount(UINT* count) = 0;
+  /// Stores type information for the caller to release; NULL and E_NOTIMPL from
+  /// an object that has none.
   virtual HRESULT GetTypeInfo(UINT index, LCID lcid, ITypeInfo** info) = 0;
-  /// Stores the id of each of `count` member names. `riid` must be IID_NULL.
+  /// Stores the id of each of `count` member names; DISP_E_UNKNOWNNAME, with
+  /// DISPID_UNKNOWN in its place, for one that is not known. `riid` must be
+  /// IID_NULL.
   virtual HRESULT GetIDsOfNames(REFIID riid, LPOLESTR* names, UINT count,
                                 LCID lcid, DISPID* ids) = 0;
   /// Calls a member. `flags` is one or more of DISPATCH_*. The arguments stay
@@ -480,19 +484,28 @@ struct IEnumVARIANT : IUnknown {
   /// NULL, their number. S_OK for all of them, S_FALSE for fewer.
   virtual HRESULT Next(zir_types::ULONG count, VARIANT* values,
                        zir_types::ULONG* fetched) = 0;
+  /// Goes past `count` values: S_OK, or S_FALSE when there were fewer.
   virtual HRESULT Skip(zir_types::ULONG count) = 0;
+  /// Begins again.
   virtual HRESULT Reset() = 0;
+  /// Stores another enumerator at the same place, with one reference for the
+  /// caller.
   virtual HRESULT Clone(IEnumVARIANT** clone) = 0;
 
  protected:
   ~IEnumVARIANT() = default;
 };
 
-/// An error object, as SetErrorInfo keeps it. The strings become the caller's.
+/// An error object, as SetErrorInfo keeps it; the runtime never calls these.
+/// Strings that they store become the caller's.
 struct IErrorInfo : IUnknown {
+  /// The interface in which the error arose.
   virtual HRESULT GetGUID(GUID* interface_id) = 0;
+  /// The class that raised it.
   virtual HRESULT GetSource(BSTR* source) = 0;
+  /// What went wrong, for people.
   virtual HRESULT GetDescription(BSTR* description) = 0;
+  /// Where there is help, and which page of it.
   virtual HRESULT GetHelpFile(BSTR* help_file) = 0;
   virtual HRESULT GetHelpContext(DWORD* help_context) = 0;
 
@@ -512,8 +525,8 @@ struct IContextProperties : IUnknown {
   virtual HRESULT GetProperty(const wchar_t* name, VARIANT* value) = 0;
   /// Not implemented: a stub line (296, no detail) and E_NOTIMPL.
   virtual HRESULT EnumNames(IEnumContextProps** names) = 0;
-  /// Adds or replaces a property by a copy of `value`, which stays the
-  /// caller's. Always S_OK.
+  /// Adds or replaces a property by a copy (VariantCopy's) of `value`, which
+  /// stays the caller's. Always S_OK.
   virtual HRESULT SetProperty(const wchar_t* name, VARIANT value) = 0;
   /// Not implemented: a stub line (303, the name) and E_NOTIMPL.
   virtual HRESULT RemoveProperty(const wchar_t* name) = 0;
@@ -522,8 +535,9 @@ struct IContextProperties : IUnknown {
   ~IContextProperties() = default;
 };
 
-/// The reading half of IContextProperties. A context is handed out as one
-/// pointer for both; C++ callers hold it as the larger interface.
+/// The reading half of IContextProperties, under the same contracts. A context
+/// is handed out as one pointer for both; C++ callers hold it as the larger
+/// interface.
 struct IGetContextProperties : IUnknown {
   virtual HRESULT Count(LONG* count) = 0;
   virtual HRESULT GetProperty(const wchar_t* name, VARIANT* value) = 0;
@@ -583,8 +597,8 @@ ZIRDB_API HRESULT SafeArrayGetUBound(SAFEARRAY* array, UINT dimension,
 ZIRDB_API HRESULT SafeArrayGetLBound(SAFEARRAY* array, UINT dimension,
                                      LONG* bound);
 
-/// Locks the array and stores the address of its elements, the first dimension
-/// outermost. One holder at a time: E_UNEXPECTED while it is locked.
+/// Locks the array and stores the address of its elements, which lie one behind
+/// the other. One holder at a time: E_UNEXPECTED while it is locked.
 /// E_INVALIDARG for a NULL pointer.
 ZIRDB_API HRESULT SafeArrayAccessData(SAFEARRAY* array, void** data);
 
