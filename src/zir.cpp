@@ -332,28 +332,28 @@ Walked decode_singly(const Byte* at, const Byte* stop, wchar_t* to,
   return {Walk::going, at, units};
 }
 
-// Decodes all characters that begin in [at, stop). The terminator is no
-// continuation byte, so nothing behind it is read.
-template <bool kWrite>
-Walked decode_near_end(const Byte* at, const Byte* stop, wchar_t* to,
-                       std::size_t units) {
-  while (at < stop) {
+// Decodes characters while `more(at, units)`, byte by byte. The terminator is
+// no continuation byte, so nothing behind it is read.
+template <bool kWrite, class More>
+Walked decode_by_bytes(const Byte* at, wchar_t* to, std::size_t units,
+                       More more) {
+  while (more(at, units)) {
     const Byte lead = *at++;
     std::uint32_t value = lead;
-    int more = 0;
+    int following = 0;
     if ((lead & 0xE0U) == 0xC0) {
       value = lead & 0x1FU;
-      more = 1;
+      following = 1;
     } else if ((lead & 0xF0U) == 0xE0) {
       value = lead & 0x0FU;
-      more = 2;
+      following = 2;
     } else if ((lead & 0xF8U) == 0xF0) {
       value = lead & 0x07U;
-      more = 3;
+      following = 3;
     } else if (lead >= 0x80) {
       return {Walk::invalid, at, units};
     }
-    for (; more > 0; --more) {
+    for (; following > 0; --following) {
       if ((*at & 0xC0U) != 0x80) return {Walk::invalid, at, units};
       value = value << 6U | (*at++ & 0x3FU);
     }
@@ -464,7 +464,9 @@ Walked decode_stretch(const Byte* at, const Byte* end, wchar_t* to,
   const Walked walked =
       decode_singly<kWrite, Take::all>(at, end - 3, to, units);
   if (walked.outcome != Walk::going) return walked;
-  return decode_near_end<kWrite>(walked.at, end, to, walked.units);
+  return decode_by_bytes<kWrite>(
+      walked.at, to, walked.units,
+      [end](const Byte* next, std::size_t) { return next < end; });
 }
 
 // Decodes up to `room` units, or counts them.
@@ -487,6 +489,18 @@ Walked decode_utf8(const Byte* at, std::size_t room, wchar_t* to) {
     }
     walked =
         decode_stretch<kWrite>(walked.at, walked.at + count, to, walked.units);
+    // What is left then is mostly not ASCII, and too short to look ahead again
+    // and again.
+    if (kWrite && walked.outcome == Walk::going &&
+        room - walked.units < std::size_t{kSinglyAtOnce}) {
+      walked =
+          decode_by_bytes<kWrite>(walked.at, to, walked.units,
+                                  [room](const Byte* next, std::size_t units) {
+                                    return units < room && *next != 0;
+                                  });
+      if (walked.outcome == Walk::invalid) break;
+      walked.outcome = *walked.at == 0 ? Walk::finished : Walk::cut;
+    }
   }
   return walked;
 }
