@@ -2033,8 +2033,8 @@ void* GetProcAddress(HMODULE module, const char* name) {
 namespace {
 
 // Asks a library's class factory for an object. `failure` stands for whatever
-// keeps the factory from being asked. With `class_name`, or without any, for
-// CLSID_NULL the component chooses by it.
+// keeps the factory from being asked. For CLSID_NULL the component finds the
+// class by `class_name`, NULL when none was given.
 HRESULT create_from(HMODULE library, REFCLSID clsid, wchar_t* class_name,
                     IUnknown* outer, REFIID riid, void** object,
                     HRESULT failure) {

@@ -420,6 +420,14 @@ TEST(SafeArrayDestroy, WithoutOwnershipStringsAreFreedAndNothingElse) {
   EXPECT_EQ(array.get()->pvData, data);
 }
 
+TEST(SafeArrayDestroy, WithoutOwnershipTheArrayCanBeUsedAgain) {
+  VARIANT data[1] = {};
+  HandMade array(FADF_VARIANT, 16, data, {{1, 0}});
+  EXPECT_EQ(SafeArrayDestroy(array.get()), S_OK);
+  EXPECT_EQ(array.get()->cLocks, 0U);
+  EXPECT_EQ(SafeArrayDestroy(array.get()), S_OK);
+}
+
 TEST(SafeArrayDestroy, WithoutOwnershipBytesStayAsTheyAre) {
   BYTE data[] = {1, 2, 3};
   HandMade array(0, 1, data, {{3, 0}});

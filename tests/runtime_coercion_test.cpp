@@ -1163,6 +1163,22 @@ TEST(DefaultMember, ThatIsTheObjectItselfFailsInTheEnd) {
   EXPECT_EQ(object.references(), 1U);
 }
 
+TEST(DefaultMember, IsFollowedThrough64Objects) {
+  for (const int objects_before_the_text : {63, 64}) {
+    IDispatch* self = nullptr;
+    int left = objects_before_the_text;
+    objects::Dispatch object(answering(
+        [&] { return left-- > 0 ? _variant_t(self) : _variant_t(L"text"); }));
+    self = &object;
+    const Conversion made(_variant_t(self), VT_BSTR);
+
+    const bool reached = objects_before_the_text < 64;
+    EXPECT_EQ(made.result, reached ? S_OK : E_INVALIDARG);
+    EXPECT_EQ(made.value.vt, reached ? VT_BSTR : VT_EMPTY);
+    EXPECT_EQ(object.invocations(), 64);
+  }
+}
+
 TEST(DefaultMember, ThatGoesRoundInACircleFailsInTheEnd) {
   IDispatch* first = nullptr;
   objects::Dispatch second(answering([&] { return _variant_t(first); }));
