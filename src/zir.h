@@ -1057,6 +1057,8 @@ class InterfacePtr {
     return *this;
   }
   ~InterfacePtr() {
+    // The analyser takes every Release for the last one.
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
     if (object_ != nullptr) object_->Release();
   }
 

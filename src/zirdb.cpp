@@ -1,0 +1,2411 @@
+// SPDX-License-Identifier: MIT
+//
+// zirdb: the database automation component.
+//
+// Sections: identifiers; errors; text and values; rows; the dispatch frame; the
+// classes; marshalling; parameters; fields; recordset; the class factory; entry
+// points.
+//
+// What a reader needs to know:
+//  - Every operation of an interface is one `guarded` call around the work: the
+//    thread's error record is cleared first, and no exception gets out. `fail`
+//    is the one way to record an error.
+//  - A class is one table of members and the functions they name. `admit` alone
+//    decides whether a call has the shape that a member takes.
+//  - A result's rows are one immutable, counted store, which Fields, Field and
+//    enumerators point into instead of copying. Text stays UTF-8 there and is
+//    decoded when it is read.
+//  - Foreign code runs inside many calls: callbacks, default members, the last
+//    Release of a value. What is replaced is therefore moved out first and
+//    freed last.
+
+#include "zirdb.h"
+
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <cwctype>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "zirdb_odbc.h"
+
+// ---------------------------------------------------------------------------
+// Identifiers
+// ---------------------------------------------------------------------------
+
+const CLSID CLSID_ZIRDBConnection = {
+    0xA3B9D97A,
+    0x3DE2,
+    0x4287,
+    {0x9A, 0x7B, 0x5E, 0xF2, 0x1F, 0x44, 0x9C, 0x1E}};
+const CLSID CLSID_ZIRDBCommand = {
+    0xB250EB07,
+    0x2332,
+    0x4C6D,
+    {0xB5, 0x0D, 0x35, 0x76, 0x41, 0xDE, 0xAA, 0x0D}};
+const CLSID CLSID_ZIRDBRecordset = {
+    0x8EEDA5E6,
+    0x0575,
+    0x4F26,
+    {0xB4, 0x3A, 0xED, 0x25, 0xF9, 0x5E, 0x99, 0x3B}};
+const IID IID_IZIRDBConnection = {
+    0x42A6B313,
+    0x5986,
+    0x4037,
+    {0xAE, 0x9D, 0xE9, 0x0A, 0xD9, 0xB7, 0xBB, 0xA4}};
+const IID IID_IZIRDBCommand = {
+    0x8E32A13D,
+    0xFF0A,
+    0x410C,
+    {0x80, 0xB8, 0xFB, 0x51, 0x7D, 0x85, 0x02, 0x22}};
+const IID IID_IZIRDBRecordset = {
+    0xE844F0B5,
+    0xB612,
+    0x48B1,
+    {0xBA, 0x57, 0xAB, 0x0B, 0xC2, 0xF0, 0x8D, 0xF9}};
+const IID IID_IZIRDBFields = {0x051FBC3E,
+                              0xD6EE,
+                              0x4C23,
+                              {0xA4, 0xBD, 0xFC, 0xB6, 0x1C, 0xC0, 0xE0, 0x93}};
+const IID IID_IZIRDBField = {0xCFC4200C,
+                             0x426C,
+                             0x40D5,
+                             {0x8A, 0x39, 0x7B, 0x96, 0xB8, 0xD6, 0x32, 0x3F}};
+const IID IID_IZIRDBParameters = {
+    0x9D1D978C,
+    0x2A6F,
+    0x459E,
+    {0x8A, 0x8F, 0x1B, 0xC0, 0xD8, 0x27, 0x6B, 0x54}};
+const IID IID_IZIRDBParameter = {
+    0x1C1C4279,
+    0x4D78,
+    0x47E8,
+    {0xBA, 0x57, 0x4E, 0x8B, 0x8A, 0x3C, 0x4A, 0x11}};
+
+namespace {
+
+// Objects alive, enumerators included and factories not; and server locks.
+std::atomic<std::uint32_t> g_object_count{0};
+std::atomic<std::uint32_t> g_lock_count{0};
+
+// ---------------------------------------------------------------------------
+// Errors
+// ---------------------------------------------------------------------------
+
+// The classes' names as error sources.
+constexpr const wchar_t* kCommandSource = L"ZIRDB.Command";
+constexpr const wchar_t* kRecordsetSource = L"ZIRDB.Recordset";
+constexpr const wchar_t* kFieldsSource = L"ZIRDB.Fields";
+constexpr const wchar_t* kFieldSource = L"ZIRDB.Field";
+constexpr const wchar_t* kParametersSource = L"ZIRDB.Parameters";
+constexpr const wchar_t* kParameterSource = L"ZIRDB.Parameter";
+
+// A code and its text, both of which scripts compare.
+struct Failure {
+  HRESULT code;
+  const wchar_t* text;
+};
+
+constexpr Failure kClosed = {
+    zir_hresult(0x800A0E78),
+    L"Operation is not allowed when the object is closed."};
+constexpr Failure kRecordsetClosed = {zir_hresult(0x80040711),
+                                      L"Recordset is closed"};
+constexpr Failure kNoCurrentRecord = {
+    zir_hresult(0x800A0BCD),
+    L"Either BOF or EOF is True, or the current record has been deleted. "
+    L"Requested operation requires a current record."};
+constexpr Failure kNotInThisContext = {
+    zir_hresult(0x800A0C93), L"Operation is not allowed in this context."};
+constexpr Failure kNotBackward = {
+    zir_hresult(0x80040E24), L"Rowset does not support fetching backward."};
+constexpr Failure kItemNotFound = {
+    zir_hresult(0x800A0CC1),
+    L"Item cannot be found in the collection corresponding to the requested "
+    L"name or ordinal."};
+constexpr Failure kFieldNotAvailable = {zir_hresult(0x800A0D5C),
+                                        L"Field object is not available."};
+constexpr Failure kItemNotAvailable = {E_FAIL, kFieldNotAvailable.text};
+constexpr Failure kFieldOutOfRange = {zir_hresult(0x80040713),
+                                      L"Field index is out of range"};
+constexpr Failure kBadArguments = {
+    zir_hresult(0x800A0BB9),
+    L"Arguments are of the wrong type, are out of acceptable range, or are in "
+    L"conflict with one another."};
+
+// The last error of a thread.
+struct DbErrorState {
+  HRESULT hr = S_OK;
+  std::wstring source;
+  std::wstring description;
+};
+
+// Whether the thread's record holds something. Kept apart from the record and
+// trivial, so that asking costs next to nothing and is possible at any time:
+// when a thread ends, objects may outlive its record.
+enum class ErrorPhase : unsigned char { kEmpty, kSet, kGone };
+thread_local ErrorPhase g_error_phase = ErrorPhase::kEmpty;
+
+struct ThreadErrorState : DbErrorState {
+  ThreadErrorState() = default;
+  ThreadErrorState(const ThreadErrorState&) = delete;
+  ThreadErrorState& operator=(const ThreadErrorState&) = delete;
+  ~ThreadErrorState() { g_error_phase = ErrorPhase::kGone; }
+};
+thread_local ThreadErrorState g_db_error;
+
+void clear_db_error() noexcept {
+  if (g_error_phase != ErrorPhase::kSet) return;
+  g_db_error.hr = S_OK;
+  g_db_error.source.clear();
+  g_db_error.description.clear();
+  g_error_phase = ErrorPhase::kEmpty;
+}
+
+// Returns `hr`. Throws std::bad_alloc.
+HRESULT set_db_error(HRESULT hr, const wchar_t* source,
+                     const wchar_t* description) {
+  if (g_error_phase == ErrorPhase::kGone) return hr;
+  g_error_phase = ErrorPhase::kSet;
+  g_db_error.hr = hr;
+  g_db_error.source = source;
+  g_db_error.description = description != nullptr ? description : L"";
+  return hr;
+}
+
+HRESULT fail(const Failure& failure, const wchar_t* source) {
+  return set_db_error(failure.code, source, failure.text);
+}
+
+// A string for which there is no memory stays NULL.
+void populate_excepinfo_from_db_error(EXCEPINFO* info, HRESULT hr,
+                                      const wchar_t* source) noexcept {
+  if (info == nullptr) return;
+  ExcepinfoClear(info);
+  info->scode = hr;
+  if (g_error_phase == ErrorPhase::kSet && !g_db_error.source.empty()) {
+    source = g_db_error.source.c_str();
+  }
+  info->bstrSource = SysAllocString(source);
+  if (g_error_phase == ErrorPhase::kSet && !g_db_error.description.empty()) {
+    info->bstrDescription = SysAllocString(g_db_error.description.c_str());
+  }
+}
+
+// The code for the exception being handled. What an operation had recorded
+// before it no longer applies.
+HRESULT code_of_exception() {
+  clear_db_error();
+  try {
+    throw;
+  } catch (const _com_error& error) {
+    return error.Error();
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  } catch (const std::length_error&) {
+    return E_OUTOFMEMORY;
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the thread is being cancelled
+  } catch (...) {
+    return E_FAIL;  // out of a host's code
+  }
+}
+
+// The boundary of an interface.
+template <class Operation>
+HRESULT guarded(Operation operation) {
+  clear_db_error();
+  try {
+    return operation();
+  } catch (...) {
+    return code_of_exception();
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Text and values
+// ---------------------------------------------------------------------------
+
+constexpr VARTYPE kReference = VT_BYREF | VT_VARIANT;
+constexpr VARTYPE kByteArray = VT_ARRAY | VT_UI1;
+constexpr VARTYPE kVariantArray = VT_ARRAY | VT_VARIANT;
+
+// UTF-8 of a zero-terminated text.
+std::string utf8_from_bstr(const wchar_t* text) {
+  const std::size_t size = utf32_utf8(nullptr, 0, text);
+  std::string utf8(size - 1, '\0');
+  utf32_utf8(utf8.data(), size, text);
+  return utf8;
+}
+
+// Empty for what is not UTF-8.
+std::wstring utf32_from_utf8(const std::string& utf8) {
+  const std::size_t size = utf8_utf32(nullptr, 0, utf8.c_str());
+  if (size == 0) return {};
+  std::wstring text(size - 1, L'\0');
+  utf8_utf32(text.data(), size, utf8.c_str());
+  return text;
+}
+
+// All of a string's characters, zeros included.
+std::wstring wstring_from_bstr(wchar_t* text) {
+  if (text == nullptr) return {};
+  return {text, SysStringLen(text)};
+}
+
+// A string of `size` characters to be filled in. Throws std::bad_alloc.
+BSTR allocate_bstr(std::size_t size) {
+  if (size >= std::numeric_limits<UINT>::max()) throw std::bad_alloc();
+  wchar_t* const text = SysAllocStringLen(nullptr, static_cast<UINT>(size));
+  if (text == nullptr) throw std::bad_alloc();
+  return text;
+}
+
+// All of a text. Throws std::bad_alloc, except for the empty text, which is
+// NULL then.
+BSTR bstr_from_wstring(const std::wstring& text) {
+  wchar_t* const copy =
+      SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+  if (copy == nullptr && !text.empty()) throw std::bad_alloc();
+  return copy;
+}
+
+// utf32_from_utf8 as a string of its own. Throws std::bad_alloc.
+BSTR bstr_from_utf8(const char* utf8) {
+  const std::size_t size = utf8_utf32(nullptr, 0, utf8);
+  if (size == 0) {
+    wchar_t* const empty = SysAllocString(L"");
+    if (empty == nullptr) throw std::bad_alloc();
+    return empty;
+  }
+  wchar_t* const text = allocate_bstr(size - 1);
+  utf8_utf32(text, size, utf8);
+  return text;
+}
+
+HRESULT make_byte_array_variant(const unsigned char* bytes, std::size_t size,
+                                VARIANT* out) {
+  if (size > std::numeric_limits<std::uint32_t>::max()) return E_OUTOFMEMORY;
+  SAFEARRAY* const array =
+      SafeArrayCreateVector(VT_UI1, 0, static_cast<std::uint32_t>(size));
+  if (array == nullptr) return E_OUTOFMEMORY;
+  if (size != 0) std::memcpy(array->pvData, bytes, size);
+  out->vt = kByteArray;
+  out->parray = array;
+  return S_OK;
+}
+
+// A byte array that holds `bytes`, into an `out` that owns nothing.
+// E_OUTOFMEMORY.
+HRESULT make_byte_array_variant(const std::vector<unsigned char>& bytes,
+                                VARIANT* out) {
+  return make_byte_array_variant(bytes.data(), bytes.size(), out);
+}
+
+// What a value stands for: references to variants are followed to their end;
+// NULL when it is missing.
+template <class Variant>
+Variant* unwrapped(Variant* value) {
+  while (value != nullptr && value->vt == kReference) value = value->pvarVal;
+  return value;
+}
+
+HRESULT variant_to_long_long(const VARIANT* value, long long* number) {
+  value = unwrapped(value);
+  if (value == nullptr) return E_INVALIDARG;
+  _variant_t converted;
+  const HRESULT result = VariantChangeType(&converted, value, 0, VT_I8);
+  if (SUCCEEDED(result)) *number = converted.llVal;
+  return result;
+}
+
+HRESULT variant_to_bstr_value(const VARIANT* value, _bstr_t* text) {
+  value = unwrapped(value);
+  if (value == nullptr) return E_INVALIDARG;
+  VARIANT converted = {};
+  const HRESULT result = VariantChangeType(&converted, value, 0, VT_BSTR);
+  if (FAILED(result)) return result;
+  if (converted.bstrVal == nullptr) {
+    // A copy's lack of memory shows in nothing else.
+    if (value->vt == VT_BSTR && value->bstrVal != nullptr) return E_OUTOFMEMORY;
+    converted.bstrVal = allocate_bstr(0);
+  }
+  *text = _bstr_t(converted.bstrVal, false);
+  return S_OK;
+}
+
+// The bounds of an array's first dimension, as a count.
+HRESULT count_elements(SAFEARRAY* array, std::size_t* count) {
+  LONG lower = 0;
+  LONG upper = 0;
+  HRESULT result = SafeArrayGetLBound(array, 1, &lower);
+  if (SUCCEEDED(result)) result = SafeArrayGetUBound(array, 1, &upper);
+  if (FAILED(result)) return result;
+  *count = upper < lower ? 0
+                         : static_cast<std::size_t>(upper) -
+                               static_cast<std::size_t>(lower) + 1;
+  return S_OK;
+}
+
+HRESULT variant_to_byte_array(const VARIANT* value,
+                              std::vector<unsigned char>* bytes) {
+  value = unwrapped(value);
+  if (value == nullptr || value->vt != kByteArray || value->parray == nullptr) {
+    return DISP_E_TYPEMISMATCH;
+  }
+  std::size_t count = 0;
+  const HRESULT counted = count_elements(value->parray, &count);
+  if (FAILED(counted)) return counted;
+  const SafeArrayAccess access(value->parray);
+  if (FAILED(access.result())) return access.result();
+  const auto* const first = access.elements<unsigned char>();
+  bytes->assign(first, first + count);
+  return S_OK;
+}
+
+// Replaces a value. The old one is freed last: that may run foreign code, which
+// finds the new value in place.
+void replace(VARIANT& value, _variant_t& replacement) noexcept {
+  std::swap(value, static_cast<VARIANT&>(replacement));
+}
+
+// ---------------------------------------------------------------------------
+// Rows
+// ---------------------------------------------------------------------------
+
+struct DbColumn {
+  std::wstring name;
+  std::int16_t sql_type = 0;
+};
+
+// Character by character as towlower has it, which takes no ASCII letter
+// elsewhere wherever the index of names is used.
+wchar_t folded(wchar_t unit) {
+  if (unit >= 0 && unit < 0x80) {
+    return unit >= L'A' && unit <= L'Z' ? unit + (L'a' - L'A') : unit;
+  }
+  return static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(unit)));
+}
+
+bool equal_folded(const wchar_t* left, const wchar_t* right) {
+  for (; folded(*left) == folded(*right); ++left, ++right) {
+    if (*left == L'\0') return true;
+  }
+  return false;
+}
+
+// The columns of a result: immutable, shared by all that read it.
+class ColumnTable {
+ public:
+  explicit ColumnTable(std::vector<DbColumn> columns)
+      : columns_(std::move(columns)) {}
+  ColumnTable(const ColumnTable&) = delete;
+  ColumnTable& operator=(const ColumnTable&) = delete;
+  ~ColumnTable() { delete index_.load(); }
+
+  std::size_t size() const { return columns_.size(); }
+  const DbColumn& operator[](std::size_t index) const {
+    return columns_[index];
+  }
+
+  // The first column whose name wcscasecmp calls equal. The same effort
+  // whatever its position.
+  std::optional<std::size_t> find(const wchar_t* name) const {
+    const NameIndex* const index = usable_index();
+    return index != nullptr ? find_indexed(*index, name) : search(name);
+  }
+
+ private:
+  // Open addressing over the folded names: positions + 1, 0 for a free slot.
+  struct NameIndex {
+    std::vector<std::uint32_t> slots;
+    std::wint_t witness = 0;
+  };
+
+  // How the locale in force folds a letter outside ASCII.
+  static std::wint_t witness() { return std::towlower(0xC9); }
+
+  // The index is made at the first search, and only for the locale in force
+  // then. A host that changes the locale, or one in whose locale "I" is not a
+  // capital "i", is served by the search itself.
+  const NameIndex* usable_index() const {
+    if (std::towlower(L'I') != L'i') return nullptr;
+    const NameIndex* index = index_.load(std::memory_order_acquire);
+    if (index == nullptr) index = publish(make_index());
+    return index->witness == witness() ? index : nullptr;
+  }
+
+  // Several threads may read; the first index stays.
+  const NameIndex* publish(std::unique_ptr<const NameIndex> made) const {
+    const NameIndex* current = nullptr;
+    if (!index_.compare_exchange_strong(current, made.get())) return current;
+    return made.release();
+  }
+
+  std::unique_ptr<const NameIndex> make_index() const {
+    auto index = std::make_unique<NameIndex>();
+    std::size_t size = 4;
+    while (size < 2 * columns_.size()) size *= 2;
+    index->slots.resize(size);
+    index->witness = witness();
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+      const wchar_t* const name = columns_[i].name.c_str();
+      std::uint32_t& slot = index->slots[slot_of(*index, name)];
+      if (slot == 0) slot = static_cast<std::uint32_t>(i + 1);
+    }
+    return index;
+  }
+
+  // The slot that holds the name, or the free one where it belongs.
+  std::size_t slot_of(const NameIndex& index, const wchar_t* name) const {
+    std::uint64_t hash = 0xCBF29CE484222325;
+    for (const wchar_t* at = name; *at != L'\0'; ++at) {
+      hash = (hash ^ static_cast<std::uint32_t>(folded(*at))) * 0x100000001B3;
+    }
+    const std::size_t mask = index.slots.size() - 1;
+    std::size_t slot = (hash ^ (hash >> 32)) & mask;
+    while (index.slots[slot] != 0 &&
+           !equal_folded(columns_[index.slots[slot] - 1].name.c_str(), name)) {
+      slot = (slot + 1) & mask;
+    }
+    return slot;
+  }
+
+  std::optional<std::size_t> find_indexed(const NameIndex& index,
+                                          const wchar_t* name) const {
+    const std::uint32_t found = index.slots[slot_of(index, name)];
+    if (found == 0) return std::nullopt;
+    return found - 1;
+  }
+
+  std::optional<std::size_t> search(const wchar_t* name) const {
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+      if (wcscasecmp(columns_[i].name.c_str(), name) == 0) return i;
+    }
+    return std::nullopt;
+  }
+
+  std::vector<DbColumn> columns_;
+  mutable std::atomic<const NameIndex*> index_{nullptr};
+};
+
+// One value of a row. Texts and blobs lie in the store.
+struct Cell {
+  std::uint64_t kind : 8;   // a ZirdbOdbcValueKind
+  std::uint64_t size : 56;  // bytes of a blob
+  union {
+    bool bool_value;
+    std::int64_t int64_value;
+    double double_value;
+    const char* text;  // UTF-8 and a zero
+    const unsigned char* bytes;
+  };
+};
+static_assert(sizeof(Cell) == 16 && std::is_trivial_v<Cell>);
+
+// Makes a value of a cell, into an `out` that owns nothing. E_OUTOFMEMORY or
+// std::bad_alloc.
+HRESULT copy_cell(const Cell& cell, VARIANT* out) {
+  switch (static_cast<ZirdbOdbcValueKind>(cell.kind)) {
+    case ZirdbOdbcValueKind::Bool:
+      out->vt = VT_BOOL;
+      out->boolVal = cell.bool_value ? VARIANT_TRUE : VARIANT_FALSE;
+      return S_OK;
+    case ZirdbOdbcValueKind::Int64:
+      out->vt = VT_I8;
+      out->llVal = cell.int64_value;
+      return S_OK;
+    case ZirdbOdbcValueKind::Double:
+      out->vt = VT_R8;
+      out->dblVal = cell.double_value;
+      return S_OK;
+    case ZirdbOdbcValueKind::Text:
+      out->bstrVal = bstr_from_utf8(cell.text);
+      out->vt = VT_BSTR;
+      return S_OK;
+    case ZirdbOdbcValueKind::Binary:
+      return make_byte_array_variant(cell.bytes, cell.size, out);
+    case ZirdbOdbcValueKind::Null:
+      break;
+  }
+  out->vt = VT_NULL;
+  return S_OK;
+}
+
+// Blocks of a store grow with it, so that a small result stays small, a big one
+// has few blocks, and what the last one leaves unused is a sixteenth at most.
+constexpr std::size_t kLeastBlock = 1024;
+constexpr std::size_t kMostBlock = std::size_t{8} << 20;
+
+std::size_t next_block_size(std::size_t stored) {
+  return std::clamp(stored / 16, kLeastBlock, kMostBlock);
+}
+
+// Bytes that stay where they are until all go together.
+class Arena {
+ public:
+  // A copy, followed by a zero if `terminated`.
+  const unsigned char* keep(const void* bytes, std::size_t size,
+                            bool terminated) {
+    unsigned char* const copy = allocate(size + (terminated ? 1 : 0));
+    if (size != 0) std::memcpy(copy, bytes, size);
+    if (terminated) copy[size] = 0;
+    return copy;
+  }
+
+ private:
+  unsigned char* allocate(std::size_t size) {
+    if (size > left_) {
+      const std::size_t block_size = next_block_size(stored_);
+      // What would take most of a block gets one of its own.
+      if (size > block_size / 2) return add_block(size);
+      next_ = add_block(block_size);
+      left_ = block_size;
+    }
+    left_ -= size;
+    return std::exchange(next_, next_ + size);
+  }
+
+  unsigned char* add_block(std::size_t size) {
+    // Not make_unique, which would write every byte of it.
+    blocks_.emplace_back(new unsigned char[size]);
+    stored_ += size;
+    return blocks_.back().get();
+  }
+
+  std::vector<std::unique_ptr<unsigned char[]>> blocks_;
+  unsigned char* next_ = nullptr;
+  std::size_t left_ = 0;
+  std::size_t stored_ = 0;
+};
+
+// The rows of a result, with its columns: built once, then immutable and shared
+// by all that read it.
+class RowStore {
+ public:
+  // Where a row is; the first one to begin with.
+  struct Position {
+    std::size_t block = 0;
+    std::size_t row = 0;
+  };
+
+  explicit RowStore(std::shared_ptr<const ColumnTable> columns)
+      : columns_(std::move(columns)) {}
+
+  const std::shared_ptr<const ColumnTable>& columns() const { return columns_; }
+  std::size_t size() const { return size_; }
+
+  // The cells of a row, one per column.
+  const Cell* cells(Position position) const {
+    return blocks_[position.block].cells.get() +
+           position.row * columns_->size();
+  }
+
+  // The row behind one that is not the last.
+  Position next(Position position) const {
+    if (++position.row == blocks_[position.block].rows) {
+      return {position.block + 1, 0};
+    }
+    return position;
+  }
+
+  // Cells to be filled in for one more row, which counts from end_row on.
+  Cell* begin_row() {
+    if (blocks_.empty() || blocks_.back().rows == blocks_.back().capacity) {
+      const std::size_t row_size = columns_->size() * sizeof(Cell);
+      const std::size_t rows = std::max<std::size_t>(
+          1, next_block_size(size_ * row_size) / row_size);
+      // Not make_unique, which would write every cell of it.
+      std::unique_ptr<Cell[]> cells(new Cell[rows * columns_->size()]);
+      blocks_.push_back({std::move(cells), 0, rows});
+    }
+    return blocks_.back().cells.get() + blocks_.back().rows * columns_->size();
+  }
+  void end_row() {
+    ++blocks_.back().rows;
+    ++size_;
+  }
+
+  Arena& arena() { return arena_; }
+
+ private:
+  struct Block {
+    std::unique_ptr<Cell[]> cells;
+    std::size_t rows;
+    std::size_t capacity;
+  };
+
+  std::shared_ptr<const ColumnTable> columns_;
+  std::vector<Block> blocks_;
+  std::size_t size_ = 0;
+  Arena arena_;
+};
+
+// Builds the rows of a result while they are fetched.
+class RowStoreBuilder final : public ZirdbOdbcSink {
+ public:
+  // NULL when the statement had no columns.
+  std::shared_ptr<const RowStore> take() { return std::move(store_); }
+
+  void begin_columns(std::size_t count) override { expected_ = count; }
+  void column(std::string_view name, std::int16_t sql_type) override {
+    columns_.push_back({utf32_from_utf8(std::string(name)), sql_type});
+    if (columns_.size() < expected_) return;
+    store_ = std::make_shared<RowStore>(
+        std::make_shared<const ColumnTable>(std::move(columns_)));
+  }
+
+  void begin_row() override { next_ = store_->begin_row(); }
+  void null_cell() override { cell(ZirdbOdbcValueKind::Null).int64_value = 0; }
+  void bool_cell(bool value) override {
+    cell(ZirdbOdbcValueKind::Bool).bool_value = value;
+  }
+  void int64_cell(std::int64_t value) override {
+    cell(ZirdbOdbcValueKind::Int64).int64_value = value;
+  }
+  void double_cell(double value) override {
+    cell(ZirdbOdbcValueKind::Double).double_value = value;
+  }
+  void text_cell(std::string_view utf8) override {
+    const auto* const kept =
+        store_->arena().keep(utf8.data(), utf8.size(), true);
+    cell(ZirdbOdbcValueKind::Text).text = reinterpret_cast<const char*>(kept);
+  }
+  void binary_cell(const unsigned char* bytes, std::size_t count) override {
+    const auto* const kept = store_->arena().keep(bytes, count, false);
+    Cell& made = cell(ZirdbOdbcValueKind::Binary);
+    made.size = count & ((std::uint64_t{1} << 56) - 1);
+    made.bytes = kept;
+  }
+  void end_row() override { store_->end_row(); }
+
+ private:
+  Cell& cell(ZirdbOdbcValueKind kind) {
+    Cell& made = *next_++;
+    made.kind = static_cast<std::uint8_t>(kind);
+    made.size = 0;
+    return made;
+  }
+
+  std::size_t expected_ = 0;
+  std::vector<DbColumn> columns_;
+  std::shared_ptr<RowStore> store_;
+  Cell* next_ = nullptr;
+};
+
+// ---------------------------------------------------------------------------
+// The dispatch frame
+// ---------------------------------------------------------------------------
+
+// Reads the arguments of a late-bound call. `arguments(i)` fetches one, counted
+// as the caller wrote them; converting the reader then reads it and throws
+// DISP_E_TYPEMISMATCH for an argument that is nothing of the kind.
+class _dispparams_wrapper_t {
+ public:
+  explicit _dispparams_wrapper_t(DISPPARAMS* target) : m_target(target) {}
+
+  // Deliberate: arguments that a host counts but does not pass are none.
+  UINT count() const {
+    return m_target != nullptr && m_target->rgvarg != nullptr ? m_target->cArgs
+                                                              : 0;
+  }
+
+  // Whether the call has one argument and names it as a put's value.
+  bool is_put() const {
+    return count() == 1 && m_target->cNamedArgs == 1 &&
+           m_target->rgdispidNamedArgs != nullptr &&
+           m_target->rgdispidNamedArgs[0] == DISPID_PROPERTYPUT;
+  }
+
+  DISPPARAMS* target() const { return m_target; }
+
+  // An argument as it was passed.
+  VARIANT* raw(int i) const {
+    if (i < 0 || static_cast<UINT>(i) >= count()) {
+      throw _com_error(E_INVALIDARG);
+    }
+    return &m_target->rgvarg[count() - 1 - static_cast<UINT>(i)];
+  }
+
+  const _dispparams_wrapper_t& operator()(int i) {
+    m_pv = unwrapped(raw(i));
+    return *this;
+  }
+
+  explicit operator long long() const {
+    long long number = 0;
+    check(SUCCEEDED(variant_to_long_long(m_pv, &number)));
+    return number;
+  }
+  // Deliberate: nothing is converted to a text here. The string stays the
+  // caller's.
+  explicit operator BSTR() const {
+    check(m_pv != nullptr && m_pv->vt == VT_BSTR);
+    return m_pv->bstrVal;
+  }
+  // Never NULL; the reference stays the caller's.
+  explicit operator IDispatch*() const {
+    check(m_pv != nullptr && m_pv->vt == VT_DISPATCH &&
+          m_pv->pdispVal != nullptr);
+    return m_pv->pdispVal;
+  }
+  // NULL for a reference that leads nowhere.
+  explicit operator VARIANT*() const { return m_pv; }
+
+ private:
+  static void check(bool readable) {
+    if (!readable) throw _com_error(DISP_E_TYPEMISMATCH);
+  }
+
+  DISPPARAMS* m_target;
+  VARIANT* m_pv = nullptr;
+};
+
+// One late-bound call on its way to a member.
+struct Call {
+  _dispparams_wrapper_t arguments;
+  WORD flags = 0;
+  VARIANT* result = nullptr;
+  EXCEPINFO* exception = nullptr;
+  const wchar_t* source = nullptr;  // of errors that were not recorded
+
+  bool has(WORD flag) const { return (flags & flag) != 0; }
+
+  // The operation behind the member failed. Called before anything that the
+  // call holds is let go, because that may run foreign code.
+  HRESULT raise(HRESULT hr) const {
+    populate_excepinfo_from_db_error(exception, hr, source);
+    return DISP_E_EXCEPTION;
+  }
+  HRESULT finish(HRESULT hr) const { return FAILED(hr) ? raise(hr) : hr; }
+
+  // Store the result; strings, values and references become the caller's.
+  HRESULT give(long number) const {
+    VariantInit(result);
+    result->vt = VT_I4;
+    result->lVal = number;
+    return S_OK;
+  }
+  HRESULT give(VARIANT_BOOL truth) const {
+    VariantInit(result);
+    result->vt = VT_BOOL;
+    result->boolVal = truth;
+    return S_OK;
+  }
+  HRESULT give(BSTR text) const {
+    VariantInit(result);
+    result->vt = VT_BSTR;
+    result->bstrVal = text;
+    return S_OK;
+  }
+  HRESULT give(const VARIANT& value) const {
+    *result = value;
+    return S_OK;
+  }
+  template <class Interface>
+  HRESULT give(Interface* object) const {
+    const auto owned = InterfacePtr<Interface>::adopt(object);
+    auto dispatch = owned.template query<IDispatch>(IID_IDispatch);
+    if (!dispatch) return raise(E_NOINTERFACE);
+    VariantInit(result);
+    result->vt = VT_DISPATCH;
+    result->pdispVal = dispatch.detach();
+    return S_OK;
+  }
+};
+
+// What a call of a member must look like.
+struct Shape {
+  UINT least;         // arguments
+  UINT most;          // arguments
+  WORD flags;         // one of these; 0 for any
+  bool needs_result;  // and a place for the result
+  HRESULT refusal;    // what lacks one of the last two
+};
+
+constexpr Shape kGet = {0, 0, DISPATCH_PROPERTYGET, true, E_INVALIDARG};
+constexpr Shape kMethod = {0, 0, DISPATCH_METHOD, false, DISP_E_MEMBERNOTFOUND};
+constexpr Shape kMethodWithOne = {1, 1, DISPATCH_METHOD, false,
+                                  DISP_E_MEMBERNOTFOUND};
+// Script engines ask for items and enumerators either way.
+constexpr Shape kItem = {1, 1, DISPATCH_METHOD | DISPATCH_PROPERTYGET, true,
+                         E_INVALIDARG};
+constexpr Shape kEnumerator = {0, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET,
+                               true, E_INVALIDARG};
+// The member looks for itself.
+constexpr Shape kAnyShape = {0, std::numeric_limits<UINT>::max(), 0, false,
+                             S_OK};
+
+// What a script may write, how it may be called and who answers. A member with
+// a `put` is a property that can be got and put.
+template <class Object>
+struct Member {
+  const wchar_t* name = nullptr;  // NULL: only its id leads here
+  DISPID id = DISPID_UNKNOWN;
+  Shape shape = {};
+  HRESULT (*answer)(Object& object, Call& call) = nullptr;
+  HRESULT (*put)(Object& object, Call& call) = nullptr;
+};
+
+template <class Object>
+struct Members {
+  const Member<Object>* first;
+  const Member<Object>* last;
+  const Member<Object>* begin() const { return first; }
+  const Member<Object>* end() const { return last; }
+};
+
+template <class Object, std::size_t kCount>
+constexpr Members<Object> members_of(const Member<Object> (&members)[kCount]) {
+  return {std::begin(members), std::end(members)};
+}
+
+// The one rule of admission: too few or too many arguments first, then a flag
+// or a result that is missing.
+HRESULT admit(const Shape& shape, const Call& call) {
+  const UINT count = call.arguments.count();
+  if (count < shape.least || count > shape.most) return DISP_E_BADPARAMCOUNT;
+  if ((shape.flags != 0 && !call.has(shape.flags)) ||
+      (shape.needs_result && call.result == nullptr)) {
+    return shape.refusal;
+  }
+  return S_OK;
+}
+
+// Calls the member that `call` means, if it may be called so.
+template <class Object>
+HRESULT answer(const Member<Object>& member, Object& object, Call& call) {
+  if (member.put != nullptr && !call.has(DISPATCH_PROPERTYGET)) {
+    if (!call.has(DISPATCH_PROPERTYPUT)) return DISP_E_MEMBERNOTFOUND;
+    if (!call.arguments.is_put()) return DISP_E_BADPARAMCOUNT;
+    return member.put(object, call);
+  }
+  const HRESULT admitted = admit(member.shape, call);
+  return FAILED(admitted) ? admitted : member.answer(object, call);
+}
+
+// Answers for operations that need nothing but their arguments and a place for
+// the result: a method without either, a property that is got, one that is put,
+// and an item. Each stands for one operation of an interface.
+template <auto kOperation>
+struct Do;
+template <class Object, HRESULT (Object::*kOperation)()>
+struct Do<kOperation> {
+  static HRESULT answer(Object& object, Call& call) {
+    return call.finish((object.*kOperation)());
+  }
+};
+
+template <auto kOperation>
+struct Get;
+template <class Object, class Out, HRESULT (Object::*kOperation)(Out*)>
+struct Get<kOperation> {
+  static HRESULT answer(Object& object, Call& call) {
+    Out out{};
+    const HRESULT hr = (object.*kOperation)(&out);
+    return FAILED(hr) ? call.raise(hr) : call.give(out);
+  }
+};
+
+template <auto kOperation>
+struct Put;
+template <class Object, class Value, HRESULT (Object::*kOperation)(Value)>
+struct Put<kOperation> {
+  static HRESULT answer(Object& object, Call& call) {
+    return call.finish((object.*kOperation)(value_of(call.arguments)));
+  }
+
+ private:
+  static Value value_of(_dispparams_wrapper_t& arguments) {
+    if constexpr (std::is_same_v<Value, VARIANT>) {
+      // A reference that leads nowhere is a value like any other.
+      const auto* const value = static_cast<VARIANT*>(arguments(0));
+      return value != nullptr ? *value : *arguments.raw(0);
+    } else if constexpr (std::is_same_v<Value, long>) {
+      return static_cast<long>(static_cast<long long>(arguments(0)));
+    } else {
+      return static_cast<Value>(arguments(0));
+    }
+  }
+};
+
+// The index goes to the collection as it was passed; that unwraps it.
+template <auto kOperation>
+struct GetItem;
+template <class Object, class Item,
+          HRESULT (Object::*kOperation)(VARIANT, Item**)>
+struct GetItem<kOperation> {
+  static HRESULT answer(Object& object, Call& call) {
+    Item* item = nullptr;
+    const HRESULT hr = (object.*kOperation)(*call.arguments.raw(0), &item);
+    return FAILED(hr) ? call.raise(hr) : call.give(item);
+  }
+};
+
+// Looks every name up as a member's; stops at the first that is none.
+HRESULT ids_of_names(DISPID (*id_of)(const wchar_t* name), REFIID riid,
+                     wchar_t** names, UINT count, DISPID* ids) {
+  if (riid != IID_NULL || names == nullptr || ids == nullptr) {
+    return E_INVALIDARG;
+  }
+  for (UINT i = 0; i < count; ++i) {
+    ids[i] = names[i] != nullptr ? id_of(names[i]) : DISPID_UNKNOWN;
+    if (ids[i] == DISPID_UNKNOWN) return DISP_E_UNKNOWNNAME;
+  }
+  return S_OK;
+}
+
+// What all classes have in common: identity, references, late binding. Object
+// derives from this, names its error source and gives its table of members.
+//
+// The order of the virtual functions is part of the contract: those of the
+// interface, the destructor, those of IDispatch.
+template <class Object, class Interface, const IID& kInterfaceId>
+class AutomationObject : public Interface, public IDispatch {
+ public:
+  AutomationObject(const AutomationObject&) = delete;
+  AutomationObject& operator=(const AutomationObject&) = delete;
+
+  HRESULT QueryInterface(REFIID riid, void** object) override {
+    if (object == nullptr) return E_INVALIDARG;
+    *object = nullptr;
+    if (riid == kInterfaceId || riid == IID_IUnknown) {
+      *object = static_cast<Interface*>(this);
+    } else if (riid == IID_IDispatch) {
+      *object = static_cast<IDispatch*>(this);
+    } else {
+      return E_NOINTERFACE;
+    }
+    AddRef();
+    return S_OK;
+  }
+
+  std::uint32_t AddRef() override { return ++ref_count_; }
+
+  std::uint32_t Release() override {
+    const std::uint32_t left = --ref_count_;
+    if (left == 0) {
+      --g_object_count;
+      delete this;
+    }
+    return left;
+  }
+
+  virtual ~AutomationObject() = default;
+
+  HRESULT GetTypeInfoCount(UINT* count) override {
+    clear_db_error();
+    if (count == nullptr) return E_INVALIDARG;
+    *count = 0;
+    return S_OK;
+  }
+
+  HRESULT GetTypeInfo(UINT /*index*/, LCID /*lcid*/,
+                      ITypeInfo** info) override {
+    clear_db_error();
+    if (info != nullptr) *info = nullptr;
+    return E_NOTIMPL;
+  }
+
+  HRESULT GetIDsOfNames(REFIID riid, LPOLESTR* names, UINT count, LCID /*lcid*/,
+                        DISPID* ids) override {
+    clear_db_error();
+    return ids_of_names(id_of, riid, names, count, ids);
+  }
+
+  HRESULT Invoke(DISPID member, REFIID riid, LCID /*lcid*/, WORD flags,
+                 DISPPARAMS* parameters, VARIANT* result, EXCEPINFO* exception,
+                 UINT* /*bad_argument*/) override {
+    clear_db_error();
+    if (riid != IID_NULL) return E_INVALIDARG;
+    for (const Member<Object>& each : Object::members()) {
+      if (each.id != member) continue;
+      Call call = {_dispparams_wrapper_t(parameters), flags, result, exception,
+                   Object::kSource};
+      return contained(each, call);
+    }
+    return DISP_E_MEMBERNOTFOUND;
+  }
+
+ protected:
+  // With one reference, for whoever makes it.
+  AutomationObject() noexcept { ++g_object_count; }
+
+ private:
+  static DISPID id_of(const wchar_t* name) {
+    for (const Member<Object>& each : Object::members()) {
+      if (each.name != nullptr && wcscasecmp(each.name, name) == 0) {
+        return each.id;
+      }
+    }
+    return DISPID_UNKNOWN;
+  }
+
+  // What an argument throws refuses the call; everything else is a failure of
+  // the operation.
+  HRESULT contained(const Member<Object>& member, Call& call) {
+    try {
+      return answer(member, static_cast<Object&>(*this), call);
+    } catch (const _com_error& error) {
+      clear_db_error();
+      return error.Error() == E_INVALIDARG ? DISP_E_BADPARAMCOUNT
+                                           : error.Error();
+    } catch (...) {
+      return call.raise(code_of_exception());
+    }
+  }
+
+  std::atomic<std::uint32_t> ref_count_{1};
+};
+
+// Makes an object. Nothing but a lack of memory can go wrong, so that no object
+// is counted that does not come to be.
+template <class Object, class... Arguments>
+InterfacePtr<Object> make(Arguments&&... arguments) {
+  static_assert(std::is_nothrow_constructible_v<Object, Arguments...>);
+  return InterfacePtr<Object>::adopt(
+      new Object(std::forward<Arguments>(arguments)...));
+}
+
+// ---------------------------------------------------------------------------
+// The classes
+// ---------------------------------------------------------------------------
+
+// A parameter's values, shared by all objects over it and by its command.
+struct DbParameter {
+  std::wstring name;
+  std::int64_t type = 0;
+  std::int64_t direction = 0;
+  std::int64_t size = 0;
+  _variant_t value;
+};
+
+// A slot may be empty.
+using DbParameterList = std::vector<std::shared_ptr<DbParameter>>;
+
+class ParameterObject final
+    : public AutomationObject<ParameterObject, IZIRDBParameter,
+                              IID_IZIRDBParameter> {
+ public:
+  static constexpr const wchar_t* kSource = kParameterSource;
+  static Members<ParameterObject> members();
+
+  explicit ParameterObject(std::shared_ptr<DbParameter> parameter) noexcept
+      : parameter_(std::move(parameter)) {}
+
+  HRESULT get_Name(BSTR* name) override;
+  HRESULT put_Name(BSTR name) override;
+  HRESULT get_Value(VARIANT* value) override;
+  HRESULT put_Value(VARIANT value) override;
+  HRESULT get_Type(long* type) override;
+  HRESULT put_Type(long type) override;
+  HRESULT get_Direction(long* direction) override;
+  HRESULT put_Direction(long direction) override;
+  HRESULT get_Size(long* size) override;
+  HRESULT put_Size(long size) override;
+
+  const std::shared_ptr<DbParameter>& parameter() const { return parameter_; }
+
+ private:
+  std::shared_ptr<DbParameter> parameter_;
+};
+
+class ParametersObject final
+    : public AutomationObject<ParametersObject, IZIRDBParameters,
+                              IID_IZIRDBParameters> {
+ public:
+  static constexpr const wchar_t* kSource = kParametersSource;
+  static Members<ParametersObject> members();
+
+  explicit ParametersObject(
+      std::shared_ptr<DbParameterList> parameters) noexcept
+      : parameters_(std::move(parameters)) {}
+
+  HRESULT get_Count(long* count) override;
+  HRESULT Item(VARIANT index, IZIRDBParameter** parameter) override;
+  HRESULT Append(IZIRDBParameter* parameter) override;
+
+ private:
+  static HRESULT invoke_append(ParametersObject& self, Call& call);
+
+  HRESULT resolve_parameter_index(const VARIANT& index,
+                                  std::size_t* position) const;
+  HRESULT append(IZIRDBParameter* parameter) const;
+
+  std::shared_ptr<DbParameterList> parameters_;
+};
+
+class FieldsObject;
+
+// All rows of one result and a cursor.
+class RecordsetObject final
+    : public AutomationObject<RecordsetObject, IZIRDBRecordset,
+                              IID_IZIRDBRecordset> {
+ public:
+  static constexpr const wchar_t* kSource = kRecordsetSource;
+  static Members<RecordsetObject> members();
+
+  // Open, on the first of the rows. Without rows: standalone, without columns.
+  explicit RecordsetObject(std::shared_ptr<const RowStore> rows = {}) noexcept;
+
+  // What stands for the result of a statement without columns: closed from the
+  // beginning, and nothing that it reports is set.
+  struct WithoutColumns {};
+  explicit RecordsetObject(WithoutColumns tag) noexcept;
+
+  HRESULT get_Fields(IZIRDBFields** fields) override;
+  HRESULT get_State(long* state) override;
+  HRESULT get_EOF(VARIANT_BOOL* at_end) override;
+  HRESULT get_BOF(VARIANT_BOOL* at_start) override;
+  HRESULT get_RecordCount(long* count) override;
+  HRESULT MoveFirst() override;
+  HRESULT MoveLast() override;
+  HRESULT MovePrevious() override;
+  HRESULT MoveNext() override;
+  HRESULT Close() override;
+
+  bool is_open() const { return open_; }
+  bool is_closed_by_connection() const { return closed_by_connection_; }
+  const ColumnTable* columns() const { return columns_.get(); }
+  std::size_t get_column_count() const {
+    return columns_ != nullptr ? columns_->size() : 0;
+  }
+  const std::shared_ptr<const RowStore>& rows() const { return rows_; }
+  // The cells of the current row; NULL without one.
+  const Cell* current_row() const {
+    return has_current_row_ ? current_cells_ : nullptr;
+  }
+  // A copy of a value of the current row, into an `out` that owns nothing.
+  HRESULT copy_current_value(std::size_t index, VARIANT* out) const;
+
+  // The rows and columns stay, but nothing more is read.
+  void on_connection_closed();
+
+ private:
+  static HRESULT invoke_fields(RecordsetObject& self, Call& call);
+  static HRESULT invoke_for_each(RecordsetObject& self, Call& call);
+
+  // Runs `operation` if the recordset is open.
+  template <class Operation>
+  HRESULT when_open(Operation operation) const;
+  HRESULT closed_state_error() const;
+  HRESULT make_fields(InterfacePtr<FieldsObject>* fields);
+  void enter_row(RowStore::Position position);
+  HRESULT move_next();
+  HRESULT close();
+
+  std::shared_ptr<const ColumnTable> columns_;
+  std::shared_ptr<const RowStore> rows_;
+  bool open_ = true;
+  std::size_t current_row_ = 0;
+  bool has_current_row_ = false;
+  bool bof_ = true;
+  bool eof_ = true;
+  // Nothing sets it. Where it is set, EOF is true on the last row already.
+  bool eof_on_last_row_ = false;
+  bool closed_by_connection_ = false;
+  bool allow_fields_on_closed_ = false;
+  RowStore::Position position_;          // of current_row_
+  const Cell* current_cells_ = nullptr;  // of current_row_
+};
+
+// The columns of a recordset. While that is open, the current row is read;
+// the row of the moment when the object was made is what stays at the end.
+class FieldsObject final
+    : public AutomationObject<FieldsObject, IZIRDBFields, IID_IZIRDBFields> {
+ public:
+  static constexpr const wchar_t* kSource = kFieldsSource;
+  static Members<FieldsObject> members();
+
+  // Without an owner: of no columns.
+  explicit FieldsObject(InterfacePtr<RecordsetObject> owner) noexcept;
+
+  HRESULT get_Count(long* count) override;
+  HRESULT Item(VARIANT index, IZIRDBField** field) override;
+
+ private:
+  static HRESULT invoke_new_enum(FieldsObject& self, Call& call);
+
+  HRESULT get__NewEnum(InterfacePtr<IEnumVARIANT>* enumerator) const;
+  HRESULT resolve_column_index(const VARIANT& index,
+                               std::size_t* position) const;
+
+  InterfacePtr<RecordsetObject> owner_;
+  // Into the owner's rows, which are there while it is open; NULL without a
+  // row.
+  const Cell* snapshot_row_ = nullptr;
+  bool allow_snapshot_fallback_ = true;
+  HRESULT enum_failure_hr_ = S_OK;
+};
+
+// One column: of a recordset, or detached, with the row where it was made.
+class FieldObject final
+    : public AutomationObject<FieldObject, IZIRDBField, IID_IZIRDBField> {
+ public:
+  static constexpr const wchar_t* kSource = kFieldSource;
+  static Members<FieldObject> members();
+
+  // `snapshot_row` points into the owner's rows, or is NULL.
+  FieldObject(InterfacePtr<RecordsetObject> owner, std::size_t index,
+              const Cell* snapshot_row, bool allow_snapshot_fallback) noexcept
+      : owner_(std::move(owner)),
+        index_(index),
+        snapshot_row_(snapshot_row),
+        allow_snapshot_fallback_(allow_snapshot_fallback) {}
+  // Detached; `snapshot_row` points into `rows`.
+  FieldObject(std::shared_ptr<const RowStore> rows, std::size_t index,
+              const Cell* snapshot_row) noexcept
+      : rows_(std::move(rows)), index_(index), snapshot_row_(snapshot_row) {}
+
+  HRESULT get_Name(BSTR* name) override;
+  HRESULT get_Value(VARIANT* value) override;
+
+ private:
+  HRESULT copy_snapshot_value(VARIANT* value) const;
+
+  InterfacePtr<RecordsetObject> owner_;
+  std::shared_ptr<const RowStore> rows_;
+  std::size_t index_;
+  const Cell* snapshot_row_;
+  bool allow_snapshot_fallback_ = true;
+};
+
+// Walks the columns of a row. Keeps the rows, but no object alive.
+class FieldsEnumerator final : public IEnumVARIANT {
+ public:
+  // `snapshot_row` points into `rows`. Without rows: of no columns.
+  FieldsEnumerator(std::shared_ptr<const RowStore> rows,
+                   const Cell* snapshot_row, std::size_t index) noexcept
+      : rows_(std::move(rows)), snapshot_row_(snapshot_row), index_(index) {
+    ++g_object_count;
+  }
+  FieldsEnumerator(const FieldsEnumerator&) = delete;
+  FieldsEnumerator& operator=(const FieldsEnumerator&) = delete;
+
+  HRESULT QueryInterface(REFIID riid, void** object) override;
+  std::uint32_t AddRef() override { return ++ref_count_; }
+  std::uint32_t Release() override;
+  HRESULT Next(zir_types::ULONG count, VARIANT* values,
+               zir_types::ULONG* fetched) override;
+  HRESULT Skip(zir_types::ULONG count) override;
+  HRESULT Reset() override;
+  HRESULT Clone(IEnumVARIANT** clone) override;
+
+  virtual ~FieldsEnumerator() = default;
+
+ private:
+  std::size_t column_count() const {
+    return rows_ != nullptr ? rows_->columns()->size() : 0;
+  }
+
+  std::atomic<std::uint32_t> ref_count_{1};
+  std::shared_ptr<const RowStore> rows_;
+  const Cell* snapshot_row_;
+  std::size_t index_;
+};
+
+// ---------------------------------------------------------------------------
+// Marshalling
+// ---------------------------------------------------------------------------
+
+// How the type of an undeclared value decides, and of one in an array.
+bool is_integer(VARTYPE type) {
+  switch (type) {
+    case VT_I2:
+    case VT_I4:
+    case VT_I1:
+    case VT_UI1:
+    case VT_UI2:
+    case VT_UI4:
+    case VT_I8:
+    case VT_UI8:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Parameters take every integer; the runtime's conversion does not.
+HRESULT odbc_integer(const VARIANT& value, ZirdbOdbcValue* odbc) {
+  long long number = 0;
+  HRESULT result = S_OK;
+  switch (value.vt) {
+    case VT_I1:
+      number = std::int64_t{value.cVal};
+      break;
+    case VT_I2:
+      number = value.iVal;
+      break;
+    case VT_UI2:
+      number = value.uiVal;
+      break;
+    case VT_UI4:
+      number = value.ulVal;
+      break;
+    case VT_UI8:
+      number = static_cast<long long>(value.ullVal);
+      break;
+    default:
+      result = variant_to_long_long(&value, &number);
+  }
+  if (FAILED(result)) return result;
+  odbc->kind = ZirdbOdbcValueKind::Int64;
+  odbc->int64_value = number;
+  return S_OK;
+}
+
+HRESULT odbc_text(const VARIANT& value, ZirdbOdbcValue* odbc) {
+  _bstr_t text;
+  const HRESULT result = variant_to_bstr_value(&value, &text);
+  if (FAILED(result)) return result;
+  odbc->text_value = utf8_from_bstr(text);
+  odbc->kind = ZirdbOdbcValueKind::Text;
+  return S_OK;
+}
+
+HRESULT odbc_binary(const VARIANT& value, ZirdbOdbcValue* odbc) {
+  const HRESULT result = variant_to_byte_array(&value, &odbc->binary_value);
+  if (FAILED(result)) return result;
+  odbc->kind = ZirdbOdbcValueKind::Binary;
+  return S_OK;
+}
+
+// Deliberate: nothing but -1 is true, whatever it was converted from.
+HRESULT odbc_bool(const VARIANT& value, ZirdbOdbcValue* odbc) {
+  _variant_t truth;
+  const HRESULT result = VariantChangeType(&truth, &value, 0, VT_BOOL);
+  if (FAILED(result)) return result;
+  odbc->kind = ZirdbOdbcValueKind::Bool;
+  odbc->bool_value = truth.boolVal == VARIANT_TRUE;
+  return S_OK;
+}
+
+HRESULT odbc_double(const VARIANT& value, ZirdbOdbcValue* odbc) {
+  _variant_t number;
+  const HRESULT result = VariantChangeType(&number, &value, 0, VT_R8);
+  if (FAILED(result)) return result;
+  odbc->kind = ZirdbOdbcValueKind::Double;
+  odbc->double_value = number.dblVal;
+  return S_OK;
+}
+
+HRESULT odbc_undeclared(const VARIANT& value, ZirdbOdbcValue* odbc) {
+  if (is_integer(value.vt)) return odbc_integer(value, odbc);
+  switch (value.vt) {
+    case VT_R4:
+    case VT_R8:
+    case VT_DECIMAL:
+      return odbc_double(value, odbc);
+    case VT_BOOL:
+      return odbc_bool(value, odbc);
+    case kByteArray:
+      return odbc_binary(value, odbc);
+    default:
+      return odbc_text(value, odbc);  // dates too
+  }
+}
+
+// What the ODBC layer is to send for a parameter. On failure `odbc` is partly
+// filled; the code is that of the conversion.
+[[maybe_unused]] HRESULT db_parameter_to_odbc_parameter(
+    const DbParameter& parameter, ZirdbOdbcParameter* odbc) {
+  *odbc = {parameter.type, parameter.direction, parameter.size, {}};
+  const VARIANT* const given = unwrapped<const VARIANT>(&parameter.value);
+  if (given == nullptr || given->vt == VT_EMPTY || given->vt == VT_NULL) {
+    return S_OK;
+  }
+  // An object's default member may put another value.
+  const VARIANT value = *given;
+  const auto held = InterfacePtr<IDispatch>::share(
+      value.vt == VT_DISPATCH ? value.pdispVal : nullptr);
+  switch (parameter.type) {
+    case ZIRDB_AD_GUID:
+    case ZIRDB_AD_VARCHAR:
+    case ZIRDB_AD_VARWCHAR:
+      return odbc_text(value, &odbc->value);
+    case ZIRDB_AD_VARBINARY:
+      return odbc_binary(value, &odbc->value);
+    case ZIRDB_AD_BOOLEAN:
+      return odbc_bool(value, &odbc->value);
+    case ZIRDB_AD_INTEGER:
+    case ZIRDB_AD_BIGINT:
+      return odbc_integer(value, &odbc->value);
+    default:
+      return odbc_undeclared(value, &odbc->value);
+  }
+}
+
+// What came back for a parameter, into an `out` that owns nothing.
+HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
+                                  VARIANT* out) {
+  switch (odbc.value.kind) {
+    case ZirdbOdbcValueKind::Null:
+      out->vt = VT_NULL;
+      return S_OK;
+    case ZirdbOdbcValueKind::Bool:
+      out->vt = VT_BOOL;
+      out->boolVal = odbc.value.bool_value ? VARIANT_TRUE : VARIANT_FALSE;
+      return S_OK;
+    case ZirdbOdbcValueKind::Int64:
+      if (odbc.type == ZIRDB_AD_INTEGER) {
+        out->vt = VT_I4;
+        out->lVal = static_cast<std::int32_t>(odbc.value.int64_value);
+      } else {
+        out->vt = VT_I8;
+        out->llVal = odbc.value.int64_value;
+      }
+      return S_OK;
+    case ZirdbOdbcValueKind::Double:
+      out->vt = VT_R8;
+      out->dblVal = odbc.value.double_value;
+      return S_OK;
+    case ZirdbOdbcValueKind::Text:
+      out->bstrVal = bstr_from_utf8(odbc.value.text_value.c_str());
+      out->vt = VT_BSTR;
+      return S_OK;
+    case ZirdbOdbcValueKind::Binary:
+      return make_byte_array_variant(odbc.value.binary_value, out);
+  }
+  return E_INVALIDARG;
+}
+
+// Gives every parameter the value at its position, inputs too: they come back
+// in the type in which they were sent. Stops at the first that cannot be
+// converted; those before it keep their new values.
+[[maybe_unused]] HRESULT write_back_parameter_values(
+    const DbParameterList& parameters,
+    const std::vector<ZirdbOdbcParameter>& odbc) {
+  const std::size_t count = std::min(parameters.size(), odbc.size());
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::shared_ptr<DbParameter>& parameter = parameters[i];
+    if (parameter == nullptr) continue;
+    _variant_t value;
+    const HRESULT result = odbc_parameter_to_variant(odbc[i], &value);
+    if (FAILED(result)) return result;
+    replace(parameter->value, value);
+  }
+  return S_OK;
+}
+
+// What stands in for the write-back where no values are taken: outputs are
+// Empty then, and everything else stays.
+[[maybe_unused]] void clear_output_parameters(
+    const DbParameterList& parameters) {
+  for (const std::shared_ptr<DbParameter>& parameter : parameters) {
+    if (parameter == nullptr) continue;
+    if (parameter->direction != ZIRDB_AD_PARAM_OUTPUT &&
+        parameter->direction != ZIRDB_AD_PARAM_RETURN_VALUE) {
+      continue;
+    }
+    _variant_t empty;
+    replace(parameter->value, empty);
+  }
+}
+
+// Gives the elements of a script's array the values of the parameters that were
+// made from them.
+[[maybe_unused]] HRESULT write_back_parameter_array(
+    SAFEARRAY* array, const DbParameterList& parameters) {
+  std::size_t count = 0;
+  const HRESULT counted = count_elements(array, &count);
+  if (FAILED(counted)) return counted;
+  const SafeArrayAccess access(array);
+  if (FAILED(access.result())) return access.result();
+  auto* const elements = access.elements<VARIANT>();
+  count = std::min(count, parameters.size());
+  for (std::size_t i = 0; i < count; ++i) {
+    if (parameters[i] == nullptr) continue;
+    _variant_t value(parameters[i]->value);
+    replace(elements[i], value);
+  }
+  return S_OK;
+}
+
+// The parameter that an element of a script's array stands for.
+std::shared_ptr<DbParameter> parameter_of_element(const VARIANT* element,
+                                                  std::size_t position) {
+  auto parameter = std::make_shared<DbParameter>();
+  parameter->name = L"p" + std::to_wstring(position);
+  parameter->direction = ZIRDB_AD_PARAM_INPUT;
+  element = unwrapped(element);
+  if (element == nullptr || element->vt == VT_EMPTY) {
+    // Deliberate: an empty slot asks for a number back.
+    parameter->type = ZIRDB_AD_BIGINT;
+    parameter->direction = ZIRDB_AD_PARAM_INPUT_OUTPUT;
+    return parameter;
+  }
+  if (is_integer(element->vt)) {
+    parameter->type = ZIRDB_AD_BIGINT;
+  } else if (element->vt == VT_BSTR) {
+    parameter->type = ZIRDB_AD_VARWCHAR;
+    parameter->size = SysStringLen(element->bstrVal);
+  } else if (element->vt == VT_BOOL) {
+    parameter->type = ZIRDB_AD_BOOLEAN;
+  } else if (element->vt == kByteArray) {
+    parameter->type = ZIRDB_AD_VARBINARY;
+  }
+  VariantCopy(&parameter->value, element);
+  return parameter;
+}
+
+// A parameter for each element of an array of variants with one dimension,
+// added to `parameters`. DISP_E_TYPEMISMATCH for anything else.
+[[maybe_unused]] HRESULT build_dispatch_execute_parameters(
+    const VARIANT* value, DbParameterList* parameters) {
+  value = unwrapped(value);
+  if (value == nullptr || value->vt != kVariantArray ||
+      value->parray == nullptr || value->parray->cDims != 1) {
+    return DISP_E_TYPEMISMATCH;
+  }
+  std::size_t count = 0;
+  const HRESULT counted = count_elements(value->parray, &count);
+  if (FAILED(counted)) return counted;
+  const SafeArrayAccess access(value->parray);
+  if (FAILED(access.result())) return access.result();
+  const auto* const elements = access.elements<VARIANT>();
+  for (std::size_t i = 0; i < count; ++i) {
+    parameters->push_back(parameter_of_element(&elements[i], i + 1));
+  }
+  return S_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Parameters
+// ---------------------------------------------------------------------------
+
+Members<ParameterObject> ParameterObject::members() {
+  using Self = ParameterObject;
+  static constexpr Member<Self> kMembers[] = {
+      {L"Value", DISPID_ZIRDB_PARAMETER_VALUE, kGet,
+       Get<&Self::get_Value>::answer, Put<&Self::put_Value>::answer},
+      {L"Name", DISPID_ZIRDB_PARAMETER_NAME, kGet, Get<&Self::get_Name>::answer,
+       Put<&Self::put_Name>::answer},
+      {L"Type", DISPID_ZIRDB_PARAMETER_TYPE, kGet, Get<&Self::get_Type>::answer,
+       Put<&Self::put_Type>::answer},
+      {L"Direction", DISPID_ZIRDB_PARAMETER_DIRECTION, kGet,
+       Get<&Self::get_Direction>::answer, Put<&Self::put_Direction>::answer},
+      {L"Size", DISPID_ZIRDB_PARAMETER_SIZE, kGet, Get<&Self::get_Size>::answer,
+       Put<&Self::put_Size>::answer},
+  };
+  return members_of(kMembers);
+}
+
+HRESULT ParameterObject::get_Name(BSTR* name) {
+  return guarded([&] {
+    if (parameter_ == nullptr) return E_UNEXPECTED;
+    if (name == nullptr) return E_INVALIDARG;
+    *name = nullptr;
+    *name = bstr_from_wstring(parameter_->name);
+    return S_OK;
+  });
+}
+
+HRESULT ParameterObject::put_Name(BSTR name) {
+  return guarded([&] {
+    if (parameter_ == nullptr) return E_UNEXPECTED;
+    parameter_->name = wstring_from_bstr(name);
+    return S_OK;
+  });
+}
+
+HRESULT ParameterObject::get_Value(VARIANT* value) {
+  return guarded([&] {
+    if (value == nullptr || parameter_ == nullptr) return E_INVALIDARG;
+    VariantInit(value);
+    return VariantCopy(value, &parameter_->value);
+  });
+}
+
+// Deliberate: a value that could not be copied whole is stored as it came out.
+HRESULT ParameterObject::put_Value(VARIANT value) {
+  return guarded([&] {
+    if (parameter_ == nullptr) return E_UNEXPECTED;
+    _variant_t copy(value);
+    replace(parameter_->value, copy);
+    return S_OK;
+  });
+}
+
+namespace parameter_fields {
+
+HRESULT get(const DbParameter* parameter, std::int64_t DbParameter::*field,
+            long* out) {
+  if (out == nullptr || parameter == nullptr) return E_INVALIDARG;
+  *out = parameter->*field;
+  return S_OK;
+}
+
+HRESULT put(DbParameter* parameter, std::int64_t DbParameter::*field,
+            long value, bool accepted) {
+  if (parameter == nullptr) return E_UNEXPECTED;
+  // Deliberate: to a script its parameters are part of the command.
+  if (!accepted) return fail(kBadArguments, kCommandSource);
+  parameter->*field = value;
+  return S_OK;
+}
+
+}  // namespace parameter_fields
+
+HRESULT ParameterObject::get_Type(long* type) {
+  return guarded([&] {
+    return parameter_fields::get(parameter_.get(), &DbParameter::type, type);
+  });
+}
+
+HRESULT ParameterObject::put_Type(long type) {
+  static constexpr long kTypes[] = {
+      ZIRDB_AD_EMPTY, ZIRDB_AD_INTEGER, ZIRDB_AD_BOOLEAN,  ZIRDB_AD_BIGINT,
+      ZIRDB_AD_GUID,  ZIRDB_AD_VARCHAR, ZIRDB_AD_VARWCHAR, ZIRDB_AD_VARBINARY};
+  return guarded([&] {
+    return parameter_fields::put(parameter_.get(), &DbParameter::type, type,
+                                 std::find(std::begin(kTypes), std::end(kTypes),
+                                           type) != std::end(kTypes));
+  });
+}
+
+HRESULT ParameterObject::get_Direction(long* direction) {
+  return guarded([&] {
+    return parameter_fields::get(parameter_.get(), &DbParameter::direction,
+                                 direction);
+  });
+}
+
+HRESULT ParameterObject::put_Direction(long direction) {
+  return guarded([&] {
+    return parameter_fields::put(parameter_.get(), &DbParameter::direction,
+                                 direction,
+                                 direction >= ZIRDB_AD_PARAM_UNKNOWN &&
+                                     direction <= ZIRDB_AD_PARAM_RETURN_VALUE);
+  });
+}
+
+HRESULT ParameterObject::get_Size(long* size) {
+  return guarded([&] {
+    return parameter_fields::get(parameter_.get(), &DbParameter::size, size);
+  });
+}
+
+HRESULT ParameterObject::put_Size(long size) {
+  return guarded([&] {
+    return parameter_fields::put(parameter_.get(), &DbParameter::size, size,
+                                 true);
+  });
+}
+
+Members<ParametersObject> ParametersObject::members() {
+  using Self = ParametersObject;
+  static constexpr Member<Self> kMembers[] = {
+      {L"Item", DISPID_ZIRDB_PARAMETERS_ITEM, kItem,
+       GetItem<&Self::Item>::answer},
+      {L"Count", DISPID_ZIRDB_PARAMETERS_COUNT, kGet,
+       Get<&Self::get_Count>::answer},
+      {L"Append", DISPID_ZIRDB_PARAMETERS_APPEND, kMethodWithOne,
+       invoke_append},
+  };
+  return members_of(kMembers);
+}
+
+HRESULT ParametersObject::get_Count(long* count) {
+  return guarded([&] {
+    if (count == nullptr || parameters_ == nullptr) return E_INVALIDARG;
+    *count = static_cast<long>(parameters_->size());
+    return S_OK;
+  });
+}
+
+// An index that is a name; NULL for one that is not. A NULL text is empty.
+const wchar_t* name_of_index(const VARIANT& index) {
+  if (index.vt != VT_BSTR) return nullptr;
+  return index.bstrVal != nullptr ? index.bstrVal : L"";
+}
+
+// An index that is a number, from 0 to below `count`.
+bool position_of_index(const VARIANT& index, std::size_t count,
+                       std::size_t* position) {
+  long long number = 0;
+  if (FAILED(variant_to_long_long(&index, &number)) || number < 0 ||
+      static_cast<unsigned long long>(number) >= count) {
+    return false;
+  }
+  *position = static_cast<std::size_t>(number);
+  return true;
+}
+
+HRESULT ParametersObject::resolve_parameter_index(const VARIANT& index,
+                                                  std::size_t* position) const {
+  const VARIANT* const given = unwrapped(&index);
+  if (given == nullptr) return E_INVALIDARG;
+  const DbParameterList& list = *parameters_;
+  if (const wchar_t* const name = name_of_index(*given)) {
+    const auto found =
+        std::find_if(list.begin(), list.end(), [name](const auto& parameter) {
+          return parameter != nullptr &&
+                 wcscasecmp(parameter->name.c_str(), name) == 0;
+        });
+    if (found == list.end()) return fail(kItemNotFound, kCommandSource);
+    *position = static_cast<std::size_t>(found - list.begin());
+    return S_OK;
+  }
+  if (!position_of_index(*given, list.size(), position)) {
+    return fail(kItemNotFound, kCommandSource);
+  }
+  return S_OK;
+}
+
+HRESULT ParametersObject::Item(VARIANT index, IZIRDBParameter** parameter) {
+  return guarded([&] {
+    if (parameter == nullptr) return E_INVALIDARG;
+    *parameter = nullptr;
+    if (parameters_ == nullptr) return E_INVALIDARG;
+    std::size_t position = 0;
+    const HRESULT result = resolve_parameter_index(index, &position);
+    if (FAILED(result)) return result;
+    *parameter = make<ParameterObject>((*parameters_)[position]).detach();
+    return S_OK;
+  });
+}
+
+HRESULT ParametersObject::Append(IZIRDBParameter* parameter) {
+  return guarded([&] { return append(parameter); });
+}
+
+HRESULT ParametersObject::append(IZIRDBParameter* parameter) const {
+  if (parameter == nullptr || parameters_ == nullptr) return E_INVALIDARG;
+  // Foreign getters may do anything, such as letting this object go.
+  const std::shared_ptr<DbParameterList> list = parameters_;
+  if (const auto* const own = dynamic_cast<ParameterObject*>(parameter)) {
+    if (own->parameter() == nullptr) return E_UNEXPECTED;
+    list->push_back(own->parameter());
+    return S_OK;
+  }
+  auto copy = std::make_shared<DbParameter>();
+  _bstr_t name;
+  HRESULT result = parameter->get_Name(&name.m_s);
+  if (FAILED(result)) return result;
+  copy->name = wstring_from_bstr(name.m_s);
+  _variant_t value;
+  result = parameter->get_Value(&value);
+  if (FAILED(result)) return result;
+  VariantCopy(&copy->value, &value);
+  long type = 0;
+  long direction = 0;
+  long size = 0;
+  result = parameter->get_Type(&type);
+  if (SUCCEEDED(result)) result = parameter->get_Direction(&direction);
+  if (SUCCEEDED(result)) result = parameter->get_Size(&size);
+  if (FAILED(result)) return result;
+  copy->type = type;
+  copy->direction = direction;
+  copy->size = size;
+  list->push_back(std::move(copy));
+  return S_OK;
+}
+
+HRESULT ParametersObject::invoke_append(ParametersObject& self, Call& call) {
+  const auto object = InterfacePtr<IDispatch>::share(
+      static_cast<IDispatch*>(call.arguments(0)));
+  const auto parameter = object.query<IZIRDBParameter>(IID_IZIRDBParameter);
+  if (!parameter) return DISP_E_TYPEMISMATCH;
+  return call.finish(self.append(parameter.get()));
+}
+
+// ---------------------------------------------------------------------------
+// Fields
+//
+// Deliberate: what goes wrong here is reported with the recordset's name, as
+// part of which a script sees its fields.
+// ---------------------------------------------------------------------------
+
+Members<FieldsObject> FieldsObject::members() {
+  using Self = FieldsObject;
+  static constexpr Member<Self> kMembers[] = {
+      {L"Item", DISPID_ZIRDB_FIELDS_ITEM, kItem, GetItem<&Self::Item>::answer},
+      {L"Count", DISPID_ZIRDB_FIELDS_COUNT, kGet,
+       Get<&Self::get_Count>::answer},
+      {L"_NewEnum", DISPID_NEWENUM, kEnumerator, invoke_new_enum},
+      {L"NewEnum", DISPID_NEWENUM, kEnumerator, invoke_new_enum},
+  };
+  return members_of(kMembers);
+}
+
+FieldsObject::FieldsObject(InterfacePtr<RecordsetObject> owner) noexcept
+    : owner_(std::move(owner)) {
+  if (!owner_) return;
+  snapshot_row_ = owner_->current_row();
+  allow_snapshot_fallback_ = snapshot_row_ != nullptr && owner_->is_open();
+  if (!owner_->is_open()) {
+    enum_failure_hr_ = kClosed.code;
+  } else if (snapshot_row_ == nullptr) {
+    enum_failure_hr_ = kNoCurrentRecord.code;
+  }
+}
+
+HRESULT FieldsObject::get_Count(long* count) {
+  return guarded([&] {
+    if (count == nullptr) return E_INVALIDARG;
+    *count = !owner_ || owner_->is_closed_by_connection()
+                 ? 0
+                 : static_cast<long>(owner_->get_column_count());
+    return S_OK;
+  });
+}
+
+// Deliberate: a NULL name is the name of no column, not even of one that has
+// none.
+HRESULT FieldsObject::resolve_column_index(const VARIANT& index,
+                                           std::size_t* position) const {
+  const VARIANT* const given = unwrapped(&index);
+  if (given == nullptr) return E_INVALIDARG;
+  const ColumnTable* const columns = owner_ ? owner_->columns() : nullptr;
+  if (given->vt != VT_BSTR) {
+    const std::size_t count = columns != nullptr ? columns->size() : 0;
+    return position_of_index(*given, count, position)
+               ? S_OK
+               : fail(kItemNotFound, kRecordsetSource);
+  }
+  const auto found = given->bstrVal != nullptr && columns != nullptr
+                         ? columns->find(given->bstrVal)
+                         : std::nullopt;
+  if (!found) return fail(kItemNotFound, kRecordsetSource);
+  *position = *found;
+  return S_OK;
+}
+
+HRESULT FieldsObject::Item(VARIANT index, IZIRDBField** field) {
+  return guarded([&] {
+    if (field == nullptr) return E_INVALIDARG;
+    *field = nullptr;
+    if (owner_ && !owner_->is_open()) {
+      return fail(
+          owner_->is_closed_by_connection() ? kItemNotAvailable : kClosed,
+          kRecordsetSource);
+    }
+    std::size_t position = 0;
+    const HRESULT result = resolve_column_index(index, &position);
+    if (FAILED(result)) return result;
+    // Only an owner has columns, so there is one.
+    const Cell* const live_row = owner_->current_row();
+    *field = make<FieldObject>(InterfacePtr<RecordsetObject>(owner_), position,
+                               live_row != nullptr ? live_row : snapshot_row_,
+                               allow_snapshot_fallback_)
+                 .detach();
+    return S_OK;
+  });
+}
+
+HRESULT FieldsObject::get__NewEnum(
+    InterfacePtr<IEnumVARIANT>* enumerator) const {
+  const bool empty = !owner_ || owner_->is_closed_by_connection();
+  if (!empty) {
+    if (!owner_->is_open() || enum_failure_hr_ == kClosed.code) {
+      return fail(kClosed, kRecordsetSource);
+    }
+    if (FAILED(enum_failure_hr_)) {
+      return fail(kNoCurrentRecord, kRecordsetSource);
+    }
+  }
+  *enumerator = InterfacePtr<IEnumVARIANT>::adopt(new FieldsEnumerator(
+      empty ? nullptr : owner_->rows(), empty ? nullptr : snapshot_row_, 0));
+  return S_OK;
+}
+
+HRESULT FieldsObject::invoke_new_enum(FieldsObject& self, Call& call) {
+  InterfacePtr<IEnumVARIANT> enumerator;
+  const HRESULT result = self.get__NewEnum(&enumerator);
+  if (FAILED(result)) return call.raise(result);
+  VARIANT value = {};
+  value.vt = VT_UNKNOWN;
+  value.punkVal = enumerator.detach();
+  return call.give(value);
+}
+
+Members<FieldObject> FieldObject::members() {
+  using Self = FieldObject;
+  static constexpr Member<Self> kMembers[] = {
+      {L"Value", DISPID_ZIRDB_FIELD_VALUE, kGet, Get<&Self::get_Value>::answer},
+      {L"Name", DISPID_ZIRDB_FIELD_NAME, kGet, Get<&Self::get_Name>::answer},
+  };
+  return members_of(kMembers);
+}
+
+HRESULT FieldObject::get_Name(BSTR* name) {
+  return guarded([&] {
+    if (name == nullptr) return E_INVALIDARG;
+    *name = nullptr;
+    if (owner_ && !owner_->is_open()) {
+      return fail(kFieldNotAvailable, kRecordsetSource);
+    }
+    const ColumnTable& columns =
+        owner_ ? *owner_->columns() : *rows_->columns();
+    *name = bstr_from_wstring(columns[index_].name);
+    return S_OK;
+  });
+}
+
+HRESULT FieldObject::copy_snapshot_value(VARIANT* value) const {
+  if (snapshot_row_ != nullptr) return copy_cell(snapshot_row_[index_], value);
+  value->vt = VT_NULL;
+  return S_OK;
+}
+
+HRESULT FieldObject::get_Value(VARIANT* value) {
+  return guarded([&] {
+    if (value == nullptr) return E_INVALIDARG;
+    if (owner_ && !owner_->is_open()) {
+      return fail(kFieldNotAvailable, kRecordsetSource);
+    }
+    VariantInit(value);
+    if (!owner_ ||
+        (owner_->current_row() == nullptr && allow_snapshot_fallback_)) {
+      return copy_snapshot_value(value);
+    }
+    return owner_->copy_current_value(index_, value);
+  });
+}
+
+HRESULT FieldsEnumerator::QueryInterface(REFIID riid, void** object) {
+  if (object == nullptr) return E_INVALIDARG;
+  *object = nullptr;
+  if (riid != IID_IUnknown && riid != IID_IEnumVARIANT) return E_NOINTERFACE;
+  *object = static_cast<IEnumVARIANT*>(this);
+  AddRef();
+  return S_OK;
+}
+
+std::uint32_t FieldsEnumerator::Release() {
+  const std::uint32_t left = --ref_count_;
+  if (left == 0) {
+    --g_object_count;
+    delete this;
+  }
+  return left;
+}
+
+HRESULT FieldsEnumerator::Next(zir_types::ULONG count, VARIANT* values,
+                               zir_types::ULONG* fetched) {
+  zir_types::ULONG stored = 0;
+  const HRESULT result = guarded([&] {
+    if (values == nullptr || (count != 1 && fetched == nullptr)) {
+      return E_INVALIDARG;
+    }
+    for (; stored < count && index_ < column_count(); ++stored, ++index_) {
+      IDispatch* const field =
+          make<FieldObject>(rows_, index_, snapshot_row_).detach();
+      VariantInit(&values[stored]);
+      values[stored].vt = VT_DISPATCH;
+      values[stored].pdispVal = field;
+    }
+    return stored == count ? S_OK : S_FALSE;
+  });
+  if (fetched != nullptr && result != E_INVALIDARG) *fetched = stored;
+  return result;
+}
+
+HRESULT FieldsEnumerator::Skip(zir_types::ULONG count) {
+  return guarded([&] {
+    const std::size_t left = column_count() - index_;
+    index_ += std::min<std::size_t>(count, left);
+    return count > left ? S_FALSE : S_OK;
+  });
+}
+
+HRESULT FieldsEnumerator::Reset() {
+  return guarded([&] {
+    index_ = 0;
+    return S_OK;
+  });
+}
+
+HRESULT FieldsEnumerator::Clone(IEnumVARIANT** clone) {
+  return guarded([&] {
+    if (clone == nullptr) return E_INVALIDARG;
+    *clone = nullptr;
+    *clone = new FieldsEnumerator(rows_, snapshot_row_, index_);
+    return S_OK;
+  });
+}
+
+// ---------------------------------------------------------------------------
+// Recordset
+// ---------------------------------------------------------------------------
+
+Members<RecordsetObject> RecordsetObject::members() {
+  using Self = RecordsetObject;
+  static constexpr Member<Self> kMembers[] = {
+      {L"Fields", DISPID_ZIRDB_RECORDSET_FIELDS, kAnyShape, invoke_fields},
+      {nullptr, DISPID_VALUE, kAnyShape, invoke_fields},
+      {L"State", DISPID_ZIRDB_RECORDSET_STATE, kGet,
+       Get<&Self::get_State>::answer},
+      {L"EOF", DISPID_ZIRDB_RECORDSET_EOF, kGet, Get<&Self::get_EOF>::answer},
+      {L"BOF", DISPID_ZIRDB_RECORDSET_BOF, kGet, Get<&Self::get_BOF>::answer},
+      {L"RecordCount", DISPID_ZIRDB_RECORDSET_RECORDCOUNT, kGet,
+       Get<&Self::get_RecordCount>::answer},
+      {L"MoveFirst", DISPID_ZIRDB_RECORDSET_MOVEFIRST, kMethod,
+       Do<&Self::MoveFirst>::answer},
+      {L"MoveLast", DISPID_ZIRDB_RECORDSET_MOVELAST, kMethod,
+       Do<&Self::MoveLast>::answer},
+      {L"MovePrevious", DISPID_ZIRDB_RECORDSET_MOVEPREVIOUS, kMethod,
+       Do<&Self::MovePrevious>::answer},
+      {L"MoveNext", DISPID_ZIRDB_RECORDSET_MOVENEXT, kMethod,
+       Do<&Self::MoveNext>::answer},
+      {L"Close", DISPID_ZIRDB_RECORDSET_CLOSE, kMethod,
+       Do<&Self::Close>::answer},
+      {L"forEach", DISPID_ZIRDB_RECORDSET_FOREACH, kMethodWithOne,
+       invoke_for_each},
+  };
+  return members_of(kMembers);
+}
+
+RecordsetObject::RecordsetObject(std::shared_ptr<const RowStore> rows) noexcept
+    : rows_(std::move(rows)) {
+  if (rows_ == nullptr) return;
+  columns_ = rows_->columns();
+  if (rows_->size() == 0) return;
+  bof_ = false;
+  enter_row({});
+}
+
+[[maybe_unused]] RecordsetObject::RecordsetObject(
+    WithoutColumns /*tag*/) noexcept
+    : open_(false), bof_(false), eof_(false), allow_fields_on_closed_(true) {}
+
+void RecordsetObject::enter_row(RowStore::Position position) {
+  position_ = position;
+  current_cells_ = rows_->cells(position);
+  has_current_row_ = true;
+  eof_ = eof_on_last_row_ && current_row_ + 1 == rows_->size();
+}
+
+HRESULT RecordsetObject::closed_state_error() const {
+  return fail(closed_by_connection_ || allow_fields_on_closed_
+                  ? kClosed
+                  : kRecordsetClosed,
+              kRecordsetSource);
+}
+
+template <class Operation>
+HRESULT RecordsetObject::when_open(Operation operation) const {
+  return guarded([&] { return open_ ? operation() : closed_state_error(); });
+}
+
+HRESULT RecordsetObject::get_Fields(IZIRDBFields** fields) {
+  return guarded([&] {
+    if (fields == nullptr) return E_INVALIDARG;
+    *fields = nullptr;
+    InterfacePtr<FieldsObject> made;
+    const HRESULT result = make_fields(&made);
+    *fields = made.detach();
+    return result;
+  });
+}
+
+HRESULT RecordsetObject::make_fields(InterfacePtr<FieldsObject>* fields) {
+  if (!open_ && !closed_by_connection_ && !allow_fields_on_closed_) {
+    return fail(kRecordsetClosed, kRecordsetSource);
+  }
+  // What the connection closed has no columns any more.
+  *fields = make<FieldsObject>(InterfacePtr<RecordsetObject>::share(
+      closed_by_connection_ ? nullptr : this));
+  return S_OK;
+}
+
+HRESULT RecordsetObject::get_State(long* state) {
+  return guarded([&] {
+    if (state == nullptr) return E_INVALIDARG;
+    *state = open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED;
+    return S_OK;
+  });
+}
+
+HRESULT RecordsetObject::get_EOF(VARIANT_BOOL* at_end) {
+  return guarded([&] {
+    if (at_end == nullptr) return E_INVALIDARG;
+    if (!open_) return closed_state_error();
+    *at_end = eof_ ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+  });
+}
+
+HRESULT RecordsetObject::get_BOF(VARIANT_BOOL* at_start) {
+  return guarded([&] {
+    if (at_start == nullptr) return E_INVALIDARG;
+    if (!open_) return closed_state_error();
+    *at_start = bof_ ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+  });
+}
+
+HRESULT RecordsetObject::get_RecordCount(long* count) {
+  return guarded([&] {
+    if (count == nullptr) return E_INVALIDARG;
+    if (!open_) return closed_state_error();
+    // Deliberate: a cursor that only goes forward does not tell.
+    *count = -1;
+    return S_OK;
+  });
+}
+
+HRESULT RecordsetObject::MoveFirst() {
+  return when_open([&] {
+    if (rows_ == nullptr || rows_->size() == 0) {
+      return fail(kNoCurrentRecord, kRecordsetSource);
+    }
+    current_row_ = 0;
+    bof_ = false;
+    enter_row({});
+    return S_OK;
+  });
+}
+
+// Deliberate: a refused MoveLast leaves the cursor past the end; MoveFirst
+// brings it back.
+HRESULT RecordsetObject::MoveLast() {
+  return when_open([&] {
+    eof_ = true;
+    bof_ = true;
+    has_current_row_ = false;
+    return fail(kNotBackward, kRecordsetSource);
+  });
+}
+
+HRESULT RecordsetObject::MovePrevious() {
+  return when_open([&] { return fail(kNotInThisContext, kRecordsetSource); });
+}
+
+HRESULT RecordsetObject::MoveNext() {
+  return guarded([&] { return move_next(); });
+}
+
+HRESULT RecordsetObject::move_next() {
+  if (!open_) return closed_state_error();
+  if (!has_current_row_) return fail(kNoCurrentRecord, kRecordsetSource);
+  bof_ = false;
+  if (++current_row_ == rows_->size()) {
+    has_current_row_ = false;
+    eof_ = true;
+  } else {
+    enter_row(rows_->next(position_));
+  }
+  return S_OK;
+}
+
+HRESULT RecordsetObject::Close() {
+  return guarded([&] { return close(); });
+}
+
+HRESULT RecordsetObject::close() {
+  if (!open_) return closed_state_error();
+  rows_ = nullptr;
+  current_row_ = 0;
+  has_current_row_ = false;
+  bof_ = true;
+  eof_ = true;
+  closed_by_connection_ = false;
+  allow_fields_on_closed_ = true;
+  open_ = false;
+  return S_OK;
+}
+
+HRESULT RecordsetObject::copy_current_value(std::size_t index,
+                                            VARIANT* out) const {
+  if (index >= get_column_count()) {
+    return fail(kFieldOutOfRange, kRecordsetSource);
+  }
+  const Cell* const row = current_row();
+  if (row == nullptr) return fail(kNoCurrentRecord, kRecordsetSource);
+  return copy_cell(row[index], out);
+}
+
+[[maybe_unused]] void RecordsetObject::on_connection_closed() {
+  open_ = false;
+  closed_by_connection_ = true;
+}
+
+// Deliberate: a recordset that has no fields to give says so before anything
+// else. With arguments, the call is one of the collection's items.
+HRESULT RecordsetObject::invoke_fields(RecordsetObject& self, Call& call) {
+  InterfacePtr<FieldsObject> fields;
+  const HRESULT result = self.make_fields(&fields);
+  if (FAILED(result)) return call.raise(result);
+  if (call.arguments.count() > 0) {
+    return fields->Invoke(DISPID_ZIRDB_FIELDS_ITEM, IID_NULL, 0, call.flags,
+                          call.arguments.target(), call.result, call.exception,
+                          nullptr);
+  }
+  const HRESULT admitted = admit(kGet, call);
+  return FAILED(admitted) ? admitted : call.give(fields.detach());
+}
+
+// An argument that can be called back.
+InterfacePtr<IDispatch> callback_of(const VARIANT* argument) {
+  if (argument != nullptr && argument->vt == VT_DISPATCH) {
+    return InterfacePtr<IDispatch>::share(argument->pdispVal);
+  }
+  if (argument != nullptr && argument->vt == VT_UNKNOWN) {
+    return InterfacePtr<IUnknown>::share(argument->punkVal)
+        .query<IDispatch>(IID_IDispatch);
+  }
+  return {};
+}
+
+// Calls `callback` with the fields as its one argument.
+HRESULT call_back(const InterfacePtr<IDispatch>& callback, IDispatch* fields,
+                  EXCEPINFO* exception) {
+  _variant_t argument(fields);
+  DISPPARAMS parameters = {&argument, nullptr, 1, 0};
+  _variant_t discarded;
+  return callback->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_METHOD,
+                          &parameters, &discarded, exception, nullptr);
+}
+
+// Walks from the current row to the end and closes the recordset. A callback
+// that fails ends the walk on its row, with its own code.
+HRESULT RecordsetObject::invoke_for_each(RecordsetObject& self, Call& call) {
+  auto callback = callback_of(static_cast<VARIANT*>(call.arguments(0)));
+  if (!callback) return DISP_E_TYPEMISMATCH;
+  if (!self.open_) return call.raise(self.closed_state_error());
+  // The callback may let the recordset go.
+  const auto held = InterfacePtr<RecordsetObject>::share(&self);
+  InterfacePtr<FieldsObject> fields;
+  const HRESULT result = self.make_fields(&fields);
+  if (FAILED(result)) return call.raise(result);
+  while (self.open_ && self.has_current_row_ && !self.eof_) {
+    const HRESULT called = call_back(callback, fields.get(), call.exception);
+    if (FAILED(called)) return called;
+    clear_db_error();
+    const HRESULT moved = self.move_next();
+    if (FAILED(moved)) return call.raise(moved);
+  }
+  fields = {};
+  callback = {};
+  clear_db_error();
+  return call.finish(self.close());
+}
+
+// ---------------------------------------------------------------------------
+// The class factory
+// ---------------------------------------------------------------------------
+
+// What a factory makes; the order is that of kClasses.
+enum class ZIRDBClassKind : std::uint32_t {
+  Connection = 0,
+  Command = 1,
+  Recordset = 2
+};
+
+struct CreatableClass {
+  const CLSID& clsid;
+  const wchar_t* name;
+  ZIRDBClassKind kind;
+};
+const CreatableClass kClasses[] = {
+    {CLSID_ZIRDBConnection, L"Connection", ZIRDBClassKind::Connection},
+    {CLSID_ZIRDBCommand, L"Command", ZIRDBClassKind::Command},
+    {CLSID_ZIRDBRecordset, L"Recordset", ZIRDBClassKind::Recordset},
+};
+
+// Deliberate: factories do not count as objects, so that one kept by a host
+// does not keep the library.
+class ZIRDBClassFactory final : public IClassFactory {
+ public:
+  explicit ZIRDBClassFactory(ZIRDBClassKind kind) noexcept : kind_(kind) {}
+  ZIRDBClassFactory(const ZIRDBClassFactory&) = delete;
+  ZIRDBClassFactory& operator=(const ZIRDBClassFactory&) = delete;
+
+  HRESULT QueryInterface(REFIID riid, void** object) override {
+    if (object == nullptr) return E_INVALIDARG;
+    *object = nullptr;
+    if (riid != IID_IUnknown && riid != IID_IClassFactory) return E_NOINTERFACE;
+    *object = static_cast<IClassFactory*>(this);
+    AddRef();
+    return S_OK;
+  }
+
+  std::uint32_t AddRef() override { return ++ref_count_; }
+
+  std::uint32_t Release() override {
+    const std::uint32_t left = --ref_count_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  HRESULT CreateInstance(IUnknown* outer, REFIID riid, void** object) override {
+    return guarded([&] {
+      if (outer != nullptr) return CLASS_E_NOAGGREGATION;
+      if (object == nullptr) return E_INVALIDARG;
+      *object = nullptr;
+      if (kind_ != ZIRDBClassKind::Recordset) return E_NOTIMPL;
+      return make<RecordsetObject>()->QueryInterface(riid, object);
+    });
+  }
+
+  // Deliberate: an unlock without a lock is ignored.
+  HRESULT LockServer(BOOL lock) override {
+    if (lock != 0) {
+      ++g_lock_count;
+      return S_OK;
+    }
+    std::uint32_t count = g_lock_count.load();
+    while (count != 0 &&
+           !g_lock_count.compare_exchange_weak(count, count - 1)) {
+    }
+    return S_OK;
+  }
+
+  virtual ~ZIRDBClassFactory() = default;
+
+ private:
+  std::atomic<std::uint32_t> ref_count_{1};
+  ZIRDBClassKind kind_;
+};
+
+const CreatableClass* find_class(REFCLSID clsid, const wchar_t* name) {
+  for (const CreatableClass& each : kClasses) {
+    if (clsid == CLSID_NULL
+            ? name != nullptr && wcscasecmp(each.name, name) == 0
+            : clsid == each.clsid) {
+      return &each;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+// ---------------------------------------------------------------------------
+
+HRESULT DllGetClassObject(REFCLSID clsid, REFIID riid, void** factory) {
+  return guarded([&] {
+    if (factory == nullptr) return E_INVALIDARG;
+    // With CLSID_NULL the host passes the class's name in here.
+    const auto* const name = static_cast<const wchar_t*>(*factory);
+    *factory = nullptr;
+    const CreatableClass* const found = find_class(clsid, name);
+    if (found == nullptr) return CLASS_E_CLASSNOTAVAILABLE;
+    const auto made = InterfacePtr<ZIRDBClassFactory>::adopt(
+        new ZIRDBClassFactory(found->kind));
+    return made->QueryInterface(riid, factory);
+  });
+}
+
+HRESULT DllCanUnloadNow() {
+  return g_object_count.load() != 0 || g_lock_count.load() != 0 ? S_FALSE
+                                                                : S_OK;
+}
