@@ -22,6 +22,7 @@
 #include "zirdb.h"
 
 #include <cxxabi.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -154,37 +155,52 @@ struct DbErrorState {
   std::wstring source;
   std::wstring description;
 };
+static_assert(sizeof(DbErrorState) == 72);
 
-// Whether the thread's record holds something. Kept apart from the record and
-// trivial, so that asking costs next to nothing and is possible at any time:
-// when a thread ends, objects may outlive its record.
-enum class ErrorPhase : unsigned char { kEmpty, kSet, kGone };
-thread_local ErrorPhase g_error_phase = ErrorPhase::kEmpty;
+// The calling thread's; NULL until something fails there for the first time. In
+// static thread-local storage, where looking takes no call and, on a thread
+// without memory, none of that.
+[[gnu::tls_model("initial-exec")]] thread_local DbErrorState* g_db_error =
+    nullptr;
 
-struct ThreadErrorState : DbErrorState {
-  ThreadErrorState() = default;
-  ThreadErrorState(const ThreadErrorState&) = delete;
-  ThreadErrorState& operator=(const ThreadErrorState&) = delete;
-  ~ThreadErrorState() { g_error_phase = ErrorPhase::kGone; }
-};
-thread_local ThreadErrorState g_db_error;
+// Destroys the record when its thread ends. Not by a thread_local's destructor:
+// the C library ends the process when there is no memory to register one.
+void destroy_db_error(void* state) {
+  delete static_cast<DbErrorState*>(state);
+  g_db_error = nullptr;
+}
+pthread_key_t g_db_error_key;
+const bool g_has_db_error_key =
+    pthread_key_create(&g_db_error_key, destroy_db_error) == 0;
 
-void clear_db_error() noexcept {
-  if (g_error_phase != ErrorPhase::kSet) return;
-  g_db_error.hr = S_OK;
-  g_db_error.source.clear();
-  g_db_error.description.clear();
-  g_error_phase = ErrorPhase::kEmpty;
+// A thread that ends later must not look for this library.
+[[gnu::destructor]] void delete_db_error_key() {
+  if (g_has_db_error_key) pthread_key_delete(g_db_error_key);
 }
 
-// Returns `hr`. Throws std::bad_alloc.
+bool has_db_error() { return g_db_error != nullptr && g_db_error->hr != S_OK; }
+
+void clear_db_error() noexcept {
+  if (!has_db_error()) return;
+  g_db_error->hr = S_OK;
+  g_db_error->source.clear();
+  g_db_error->description.clear();
+}
+
+// Returns `hr`, a failure. Throws std::bad_alloc.
 HRESULT set_db_error(HRESULT hr, const wchar_t* source,
                      const wchar_t* description) {
-  if (g_error_phase == ErrorPhase::kGone) return hr;
-  g_error_phase = ErrorPhase::kSet;
-  g_db_error.hr = hr;
-  g_db_error.source = source;
-  g_db_error.description = description != nullptr ? description : L"";
+  if (g_db_error == nullptr) {
+    auto made = std::make_unique<DbErrorState>();
+    if (!g_has_db_error_key ||
+        pthread_setspecific(g_db_error_key, made.get()) != 0) {
+      throw std::bad_alloc();
+    }
+    g_db_error = made.release();
+  }
+  g_db_error->hr = hr;
+  g_db_error->source = source;
+  g_db_error->description = description != nullptr ? description : L"";
   return hr;
 }
 
@@ -198,12 +214,13 @@ void populate_excepinfo_from_db_error(EXCEPINFO* info, HRESULT hr,
   if (info == nullptr) return;
   ExcepinfoClear(info);
   info->scode = hr;
-  if (g_error_phase == ErrorPhase::kSet && !g_db_error.source.empty()) {
-    source = g_db_error.source.c_str();
+  const bool recorded = has_db_error();
+  if (recorded && !g_db_error->source.empty()) {
+    source = g_db_error->source.c_str();
   }
   info->bstrSource = SysAllocString(source);
-  if (g_error_phase == ErrorPhase::kSet && !g_db_error.description.empty()) {
-    info->bstrDescription = SysAllocString(g_db_error.description.c_str());
+  if (recorded && !g_db_error->description.empty()) {
+    info->bstrDescription = SysAllocString(g_db_error->description.c_str());
   }
 }
 
@@ -378,6 +395,17 @@ HRESULT variant_to_byte_array(const VARIANT* value,
   return S_OK;
 }
 
+// VariantCopy into an `out` that owns nothing, and E_OUTOFMEMORY where that
+// leaves a payload out.
+HRESULT copy_variant(const VARIANT& value, VARIANT* out) {
+  VariantCopy(out, &value);
+  const bool owns_block = value.vt == VT_BSTR || value.vt == VT_LPSTR ||
+                          (value.vt & (VT_ARRAY | VT_BYREF)) == VT_ARRAY;
+  return owns_block && value.byref != nullptr && out->byref == nullptr
+             ? E_OUTOFMEMORY
+             : S_OK;
+}
+
 // Replaces a value. The old one is freed last: that may run foreign code, which
 // finds the new value in place.
 void replace(VARIANT& value, _variant_t& replacement) noexcept {
@@ -393,8 +421,8 @@ struct DbColumn {
   std::int16_t sql_type = 0;
 };
 
-// Character by character as towlower has it, which takes no ASCII letter
-// elsewhere wherever the index of names is used.
+// As towlower folds it, in the locales in which an index of names is used:
+// there the ASCII letters have nothing unusual about them.
 wchar_t folded(wchar_t unit) {
   if (unit >= 0 && unit < 0x80) {
     return unit >= L'A' && unit <= L'Z' ? unit + (L'a' - L'A') : unit;
@@ -583,7 +611,8 @@ class Arena {
 
   unsigned char* add_block(std::size_t size) {
     // Not make_unique, which would write every byte of it.
-    blocks_.emplace_back(new unsigned char[size]);
+    std::unique_ptr<unsigned char[]> block(new unsigned char[size]);
+    blocks_.push_back(std::move(block));
     stored_ += size;
     return blocks_.back().get();
   }
@@ -1492,7 +1521,7 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
     const std::vector<ZirdbOdbcParameter>& odbc) {
   const std::size_t count = std::min(parameters.size(), odbc.size());
   for (std::size_t i = 0; i < count; ++i) {
-    const std::shared_ptr<DbParameter>& parameter = parameters[i];
+    DbParameter* const parameter = parameters[i].get();
     if (parameter == nullptr) continue;
     _variant_t value;
     const HRESULT result = odbc_parameter_to_variant(odbc[i], &value);
@@ -1506,7 +1535,10 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
 // Empty then, and everything else stays.
 [[maybe_unused]] void clear_output_parameters(
     const DbParameterList& parameters) {
-  for (const std::shared_ptr<DbParameter>& parameter : parameters) {
+  // By position: a value that is let go may add parameters.
+  const std::size_t count = parameters.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    DbParameter* const parameter = parameters[i].get();
     if (parameter == nullptr) continue;
     if (parameter->direction != ZIRDB_AD_PARAM_OUTPUT &&
         parameter->direction != ZIRDB_AD_PARAM_RETURN_VALUE) {
@@ -1530,24 +1562,23 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
   count = std::min(count, parameters.size());
   for (std::size_t i = 0; i < count; ++i) {
     if (parameters[i] == nullptr) continue;
-    _variant_t value(parameters[i]->value);
+    _variant_t value;
+    const HRESULT copied = copy_variant(parameters[i]->value, &value);
+    if (FAILED(copied)) return copied;
     replace(elements[i], value);
   }
   return S_OK;
 }
 
-// The parameter that an element of a script's array stands for.
-std::shared_ptr<DbParameter> parameter_of_element(const VARIANT* element,
-                                                  std::size_t position) {
-  auto parameter = std::make_shared<DbParameter>();
-  parameter->name = L"p" + std::to_wstring(position);
+// Describes the parameter that an element of a script's array stands for.
+HRESULT describe_element(const VARIANT* element, DbParameter* parameter) {
   parameter->direction = ZIRDB_AD_PARAM_INPUT;
   element = unwrapped(element);
   if (element == nullptr || element->vt == VT_EMPTY) {
     // Deliberate: an empty slot asks for a number back.
     parameter->type = ZIRDB_AD_BIGINT;
     parameter->direction = ZIRDB_AD_PARAM_INPUT_OUTPUT;
-    return parameter;
+    return S_OK;
   }
   if (is_integer(element->vt)) {
     parameter->type = ZIRDB_AD_BIGINT;
@@ -1559,8 +1590,7 @@ std::shared_ptr<DbParameter> parameter_of_element(const VARIANT* element,
   } else if (element->vt == kByteArray) {
     parameter->type = ZIRDB_AD_VARBINARY;
   }
-  VariantCopy(&parameter->value, element);
-  return parameter;
+  return copy_variant(*element, &parameter->value);
 }
 
 // A parameter for each element of an array of variants with one dimension,
@@ -1579,7 +1609,11 @@ std::shared_ptr<DbParameter> parameter_of_element(const VARIANT* element,
   if (FAILED(access.result())) return access.result();
   const auto* const elements = access.elements<VARIANT>();
   for (std::size_t i = 0; i < count; ++i) {
-    parameters->push_back(parameter_of_element(&elements[i], i + 1));
+    auto parameter = std::make_shared<DbParameter>();
+    parameter->name = L"p" + std::to_wstring(i + 1);
+    const HRESULT described = describe_element(&elements[i], parameter.get());
+    if (FAILED(described)) return described;
+    parameters->push_back(std::move(parameter));
   }
   return S_OK;
 }
@@ -1801,7 +1835,8 @@ HRESULT ParametersObject::append(IZIRDBParameter* parameter) const {
   _variant_t value;
   result = parameter->get_Value(&value);
   if (FAILED(result)) return result;
-  VariantCopy(&copy->value, &value);
+  result = copy_variant(value, &copy->value);
+  if (FAILED(result)) return result;
   long type = 0;
   long direction = 0;
   long size = 0;
