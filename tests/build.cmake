@@ -34,6 +34,13 @@ if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
   zirdb_check(
     build.runtime_document_program_runs package "${checks}/document_program.sh"
     "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb> docs/runtime.md)
+  zirdb_check(
+    build.objects_document_program_runs package
+    "${checks}/document_program.sh" "${PROJECT_SOURCE_DIR}"
+    $<TARGET_FILE:zirdb> docs/objects.md)
+  set_tests_properties(
+    build.objects_document_program_runs
+    PROPERTIES ENVIRONMENT "REGISTRY=${PROJECT_BINARY_DIR}/registry")
   zirdb_check(build.headers_stand_alone package "${checks}/headers.sh"
               "${PROJECT_SOURCE_DIR}")
   zirdb_check(lint.clang_format lint "${checks}/clang_format.sh"
