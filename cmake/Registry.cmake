@@ -25,6 +25,13 @@ set(classes
     "ZIRDB.COMMAND {B250EB07-2332-4C6D-B50D-357641DEAA0D}"
     "ZIRDB.RECORDSET {8EEDA5E6-0575-4F26-B43A-ED25F95E993B}")
 
+foreach(path FOLDER LIBRARY)
+  if(NOT ${path})
+    message(FATAL_ERROR "${path} is not given")
+  endif()
+  get_filename_component(${path} "${${path}}" ABSOLUTE)
+endforeach()
+
 # Relative, so that the folder can move together with the library.
 file(RELATIVE_PATH target "${FOLDER}" "${LIBRARY}")
 file(MAKE_DIRECTORY "${FOLDER}")

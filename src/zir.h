@@ -455,7 +455,7 @@ struct IDispatch : IUnknown {
   /// the caller's, and so does what comes back: `result` (initialised by the
   /// callee) and, after DISP_E_EXCEPTION, the strings of `exception`.
   /// `exception` and `bad_argument` may be NULL, and `result` where nothing is
-  /// read.
+  /// read; an `exception` comes initialised, because it may be cleared first.
   virtual HRESULT Invoke(DISPID member, REFIID riid, LCID lcid, WORD flags,
                          DISPPARAMS* parameters, VARIANT* result,
                          EXCEPINFO* exception, UINT* bad_argument) = 0;

@@ -7,11 +7,11 @@
 // points.
 //
 // What a reader needs to know:
-//  - Every operation of an interface is one `guarded` call around the work: the
-//    thread's error record is cleared first, and no exception gets out. `fail`
-//    is the one way to record an error.
-//  - A class is one table of members and the functions they name. `admit` alone
-//    decides whether a call has the shape that a member takes.
+//  - What an interface offers runs inside `guarded` (a late-bound call inside
+//    `contained`): the thread's error record is cleared first, and no exception
+//    gets out. An error with a text is recorded by `set_db_error` alone.
+//  - A class is one table of members and the functions they name. `admit` and
+//    `answer` decide whether a call has the shape that a member takes.
 //  - A result's rows are one immutable, counted store, which Fields, Field and
 //    enumerators point into instead of copying. Text stays UTF-8 there and is
 //    decoded when it is read.
@@ -26,6 +26,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -40,6 +41,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -158,8 +160,9 @@ struct DbErrorState {
 static_assert(sizeof(DbErrorState) == 72);
 
 // The calling thread's; NULL until something fails there for the first time. In
-// static thread-local storage, where looking takes no call and, on a thread
-// without memory, none of that.
+// static thread-local storage: looking takes no call and, on a thread without
+// memory, none of that. The price is a pointer's worth of the room that a
+// process keeps for libraries it loads later.
 [[gnu::tls_model("initial-exec")]] thread_local DbErrorState* g_db_error =
     nullptr;
 
@@ -173,9 +176,12 @@ pthread_key_t g_db_error_key;
 const bool g_has_db_error_key =
     pthread_key_create(&g_db_error_key, destroy_db_error) == 0;
 
-// A thread that ends later must not look for this library.
+// A thread that ends after the library was unloaded must not look for it; the
+// records of such threads stay.
 [[gnu::destructor]] void delete_db_error_key() {
-  if (g_has_db_error_key) pthread_key_delete(g_db_error_key);
+  if (!g_has_db_error_key) return;
+  pthread_key_delete(g_db_error_key);
+  destroy_db_error(g_db_error);
 }
 
 bool has_db_error() { return g_db_error != nullptr && g_db_error->hr != S_OK; }
@@ -187,15 +193,16 @@ void clear_db_error() noexcept {
   g_db_error->description.clear();
 }
 
-// Returns `hr`, a failure. Throws std::bad_alloc.
+// Returns `hr`, a failure. Throws std::bad_alloc. In a process that has no
+// thread key to spare, or is exiting, the code has to do without a text.
 HRESULT set_db_error(HRESULT hr, const wchar_t* source,
                      const wchar_t* description) {
   if (g_db_error == nullptr) {
+    if (!g_has_db_error_key) return hr;
     auto made = std::make_unique<DbErrorState>();
-    if (!g_has_db_error_key ||
-        pthread_setspecific(g_db_error_key, made.get()) != 0) {
-      throw std::bad_alloc();
-    }
+    const int kept = pthread_setspecific(g_db_error_key, made.get());
+    if (kept == ENOMEM) throw std::bad_alloc();
+    if (kept != 0) return hr;
     g_db_error = made.release();
   }
   g_db_error->hr = hr;
@@ -240,6 +247,19 @@ HRESULT code_of_exception() {
     throw;  // the thread is being cancelled
   } catch (...) {
     return E_FAIL;  // out of a host's code
+  }
+}
+
+// Lack of memory as a code, for inner functions whose callers record every
+// failure in the same way.
+template <class Operation>
+HRESULT without_bad_alloc(Operation operation) {
+  try {
+    return operation();
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  } catch (const std::length_error&) {
+    return E_OUTOFMEMORY;
   }
 }
 
@@ -335,10 +355,20 @@ HRESULT make_byte_array_variant(const std::vector<unsigned char>& bytes,
 }
 
 // What a value stands for: references to variants are followed to their end;
-// NULL when it is missing.
+// NULL when that is missing, as it is for references that lead in a circle.
 template <class Variant>
 Variant* unwrapped(Variant* value) {
-  while (value != nullptr && value->vt == kReference) value = value->pvarVal;
+  const Variant* passed = value;
+  std::size_t steps = 0;
+  std::size_t next_mark = 8;
+  while (value != nullptr && value->vt == kReference) {
+    value = value->pvarVal;
+    if (value == passed) return nullptr;
+    if (++steps == next_mark) {
+      passed = value;
+      next_mark *= 2;
+    }
+  }
   return value;
 }
 
@@ -366,18 +396,39 @@ HRESULT variant_to_bstr_value(const VARIANT* value, _bstr_t* text) {
   return S_OK;
 }
 
-// The bounds of an array's first dimension, as a count.
-HRESULT count_elements(SAFEARRAY* array, std::size_t* count) {
-  LONG lower = 0;
-  LONG upper = 0;
-  HRESULT result = SafeArrayGetLBound(array, 1, &lower);
-  if (SUCCEEDED(result)) result = SafeArrayGetUBound(array, 1, &upper);
-  if (FAILED(result)) return result;
-  *count = upper < lower ? 0
-                         : static_cast<std::size_t>(upper) -
-                               static_cast<std::size_t>(lower) + 1;
-  return S_OK;
-}
+// The elements of an array's first dimension, locked while this lives.
+template <class Element>
+class FirstDimension {
+ public:
+  explicit FirstDimension(SAFEARRAY* array)
+      : result_(count(array)), access_(FAILED(result_) ? nullptr : array) {
+    if (SUCCEEDED(result_)) result_ = access_.result();
+    // A descriptor made by hand may lack them.
+    if (begin() == nullptr) size_ = 0;
+  }
+
+  HRESULT result() const { return result_; }
+  std::size_t size() const { return size_; }
+  Element* begin() const { return access_.template elements<Element>(); }
+  Element& operator[](std::size_t index) const { return begin()[index]; }
+
+ private:
+  HRESULT count(SAFEARRAY* array) {
+    LONG lower = 0;
+    LONG upper = 0;
+    HRESULT result = SafeArrayGetLBound(array, 1, &lower);
+    if (SUCCEEDED(result)) result = SafeArrayGetUBound(array, 1, &upper);
+    if (SUCCEEDED(result) && upper >= lower) {
+      size_ =
+          static_cast<std::size_t>(upper) - static_cast<std::size_t>(lower) + 1;
+    }
+    return result;
+  }
+
+  std::size_t size_ = 0;
+  HRESULT result_;
+  SafeArrayAccess access_;
+};
 
 HRESULT variant_to_byte_array(const VARIANT* value,
                               std::vector<unsigned char>* bytes) {
@@ -385,13 +436,9 @@ HRESULT variant_to_byte_array(const VARIANT* value,
   if (value == nullptr || value->vt != kByteArray || value->parray == nullptr) {
     return DISP_E_TYPEMISMATCH;
   }
-  std::size_t count = 0;
-  const HRESULT counted = count_elements(value->parray, &count);
-  if (FAILED(counted)) return counted;
-  const SafeArrayAccess access(value->parray);
-  if (FAILED(access.result())) return access.result();
-  const auto* const first = access.elements<unsigned char>();
-  bytes->assign(first, first + count);
+  const FirstDimension<unsigned char> elements(value->parray);
+  if (FAILED(elements.result())) return elements.result();
+  bytes->assign(elements.begin(), elements.begin() + elements.size());
   return S_OK;
 }
 
@@ -399,11 +446,10 @@ HRESULT variant_to_byte_array(const VARIANT* value,
 // leaves a payload out.
 HRESULT copy_variant(const VARIANT& value, VARIANT* out) {
   VariantCopy(out, &value);
-  const bool owns_block = value.vt == VT_BSTR || value.vt == VT_LPSTR ||
-                          (value.vt & (VT_ARRAY | VT_BYREF)) == VT_ARRAY;
-  return owns_block && value.byref != nullptr && out->byref == nullptr
-             ? E_OUTOFMEMORY
-             : S_OK;
+  const bool owns_block =
+      value.vt == VT_BSTR || value.vt == VT_LPSTR || (value.vt & VT_ARRAY) != 0;
+  return owns_block && value.ullVal != 0 && out->ullVal == 0 ? E_OUTOFMEMORY
+                                                             : S_OK;
 }
 
 // Replaces a value. The old one is freed last: that may run foreign code, which
@@ -420,6 +466,7 @@ struct DbColumn {
   std::wstring name;
   std::int16_t sql_type = 0;
 };
+static_assert(sizeof(DbColumn) == 40);
 
 // As towlower folds it, in the locales in which an index of names is used:
 // there the ASCII letters have nothing unusual about them.
@@ -576,7 +623,7 @@ HRESULT copy_cell(const Cell& cell, VARIANT* out) {
 }
 
 // Blocks of a store grow with it, so that a small result stays small, a big one
-// has few blocks, and what the last one leaves unused is a sixteenth at most.
+// has few blocks, and little is left unused in the last one.
 constexpr std::size_t kLeastBlock = 1024;
 constexpr std::size_t kMostBlock = std::size_t{8} << 20;
 
@@ -691,7 +738,10 @@ class RowStoreBuilder final : public ZirdbOdbcSink {
   // NULL when the statement had no columns.
   std::shared_ptr<const RowStore> take() { return std::move(store_); }
 
-  void begin_columns(std::size_t count) override { expected_ = count; }
+  void begin_columns(std::size_t count) override {
+    expected_ = count;
+    columns_.reserve(count);
+  }
   void column(std::string_view name, std::int16_t sql_type) override {
     columns_.push_back({utf32_from_utf8(std::string(name)), sql_type});
     if (columns_.size() < expected_) return;
@@ -743,7 +793,7 @@ class RowStoreBuilder final : public ZirdbOdbcSink {
 
 // Reads the arguments of a late-bound call. `arguments(i)` fetches one, counted
 // as the caller wrote them; converting the reader then reads it and throws
-// DISP_E_TYPEMISMATCH for an argument that is nothing of the kind.
+// DISP_E_TYPEMISMATCH for an argument of another type.
 class _dispparams_wrapper_t {
  public:
   explicit _dispparams_wrapper_t(DISPPARAMS* target) : m_target(target) {}
@@ -846,14 +896,11 @@ struct Call {
     *result = value;
     return S_OK;
   }
-  template <class Interface>
-  HRESULT give(Interface* object) const {
-    const auto owned = InterfacePtr<Interface>::adopt(object);
-    auto dispatch = owned.template query<IDispatch>(IID_IDispatch);
-    if (!dispatch) return raise(E_NOINTERFACE);
+  template <class Object>
+  HRESULT give(InterfacePtr<Object> object) const {
     VariantInit(result);
     result->vt = VT_DISPATCH;
-    result->pdispVal = dispatch.detach();
+    result->pdispVal = object.detach();
     return S_OK;
   }
 };
@@ -930,7 +977,7 @@ HRESULT answer(const Member<Object>& member, Object& object, Call& call) {
 
 // Answers for operations that need nothing but their arguments and a place for
 // the result: a method without either, a property that is got, one that is put,
-// and an item. Each stands for one operation of an interface.
+// and an item.
 template <auto kOperation>
 struct Do;
 template <class Object, HRESULT (Object::*kOperation)()>
@@ -977,12 +1024,13 @@ struct Put<kOperation> {
 template <auto kOperation>
 struct GetItem;
 template <class Object, class Item,
-          HRESULT (Object::*kOperation)(VARIANT, Item**)>
+          HRESULT (Object::*kOperation)(const VARIANT&, InterfacePtr<Item>*)
+              const>
 struct GetItem<kOperation> {
   static HRESULT answer(Object& object, Call& call) {
-    Item* item = nullptr;
+    InterfacePtr<Item> item;
     const HRESULT hr = (object.*kOperation)(*call.arguments.raw(0), &item);
-    return FAILED(hr) ? call.raise(hr) : call.give(item);
+    return FAILED(hr) ? call.raise(hr) : call.give(std::move(item));
   }
 };
 
@@ -1102,13 +1150,24 @@ class AutomationObject : public Interface, public IDispatch {
   std::atomic<std::uint32_t> ref_count_{1};
 };
 
-// Makes an object. Nothing but a lack of memory can go wrong, so that no object
-// is counted that does not come to be.
+// Makes an object. Nothing but a lack of memory can go wrong, and that before
+// it is counted.
 template <class Object, class... Arguments>
 InterfacePtr<Object> make(Arguments&&... arguments) {
   static_assert(std::is_nothrow_constructible_v<Object, Arguments...>);
   return InterfacePtr<Object>::adopt(
       new Object(std::forward<Arguments>(arguments)...));
+}
+
+// The object behind an interface, if it is one of this class; NULL for any
+// other implementation. Compares what dynamic_cast would look at, because that
+// cannot be asked about an object that was compiled without type information.
+template <class Object, class Interface>
+Object* own(Interface* object) {
+  static_assert(std::is_final_v<Object>);
+  const auto* const vtable =
+      *reinterpret_cast<const std::type_info* const* const*>(object);
+  return vtable[-1] == &typeid(Object) ? static_cast<Object*>(object) : nullptr;
 }
 
 // ---------------------------------------------------------------------------
@@ -1123,6 +1182,7 @@ struct DbParameter {
   std::int64_t size = 0;
   _variant_t value;
 };
+static_assert(sizeof(DbParameter) == 72);
 
 // A slot may be empty.
 using DbParameterList = std::vector<std::shared_ptr<DbParameter>>;
@@ -1172,6 +1232,8 @@ class ParametersObject final
  private:
   static HRESULT invoke_append(ParametersObject& self, Call& call);
 
+  HRESULT item(const VARIANT& index,
+               InterfacePtr<ParameterObject>* parameter) const;
   HRESULT resolve_parameter_index(const VARIANT& index,
                                   std::size_t* position) const;
   HRESULT append(IZIRDBParameter* parameter) const;
@@ -1179,6 +1241,8 @@ class ParametersObject final
   std::shared_ptr<DbParameterList> parameters_;
 };
 
+class FieldObject;
+class FieldsEnumerator;
 class FieldsObject;
 
 // All rows of one result and a cursor.
@@ -1229,10 +1293,9 @@ class RecordsetObject final
   static HRESULT invoke_fields(RecordsetObject& self, Call& call);
   static HRESULT invoke_for_each(RecordsetObject& self, Call& call);
 
-  // Runs `operation` if the recordset is open.
-  template <class Operation>
-  HRESULT when_open(Operation operation) const;
   HRESULT closed_state_error() const;
+  // Whom its fields read: itself, unless it has none to give any more.
+  HRESULT fields_owner(RecordsetObject** owner);
   HRESULT make_fields(InterfacePtr<FieldsObject>* fields);
   void enter_row(RowStore::Position position);
   HRESULT move_next();
@@ -1245,7 +1308,7 @@ class RecordsetObject final
   bool has_current_row_ = false;
   bool bof_ = true;
   bool eof_ = true;
-  // Nothing sets it. Where it is set, EOF is true on the last row already.
+  // Whether EOF is true on the last row already. No recordset is made so.
   bool eof_on_last_row_ = false;
   bool closed_by_connection_ = false;
   bool allow_fields_on_closed_ = false;
@@ -1253,8 +1316,8 @@ class RecordsetObject final
   const Cell* current_cells_ = nullptr;  // of current_row_
 };
 
-// The columns of a recordset. While that is open, the current row is read;
-// the row of the moment when the object was made is what stays at the end.
+// The columns of a recordset, whose current row is read while there is one.
+// Made on a row, the object falls back on that row at the end.
 class FieldsObject final
     : public AutomationObject<FieldsObject, IZIRDBFields, IID_IZIRDBFields> {
  public:
@@ -1267,19 +1330,26 @@ class FieldsObject final
   HRESULT get_Count(long* count) override;
   HRESULT Item(VARIANT index, IZIRDBField** field) override;
 
+  // The item of the Fields object that `owner` would make, or made when it was
+  // on `snapshot_row`.
+  static HRESULT item_of(RecordsetObject* owner, const Cell* snapshot_row,
+                         const VARIANT& index,
+                         InterfacePtr<FieldObject>* field);
+
  private:
   static HRESULT invoke_new_enum(FieldsObject& self, Call& call);
 
-  HRESULT get__NewEnum(InterfacePtr<IEnumVARIANT>* enumerator) const;
-  HRESULT resolve_column_index(const VARIANT& index,
-                               std::size_t* position) const;
+  HRESULT item(const VARIANT& index, InterfacePtr<FieldObject>* field) const {
+    return item_of(owner_.get(), snapshot_row_, index, field);
+  }
+
+  HRESULT get__NewEnum(InterfacePtr<FieldsEnumerator>* enumerator) const;
 
   InterfacePtr<RecordsetObject> owner_;
-  // Into the owner's rows, which are there while it is open; NULL without a
-  // row.
-  const Cell* snapshot_row_ = nullptr;
-  bool allow_snapshot_fallback_ = true;
-  HRESULT enum_failure_hr_ = S_OK;
+  // The row where this was made, among the owner's rows, which are there while
+  // it is open. NULL when it was made on none: then there is nothing to fall
+  // back on and nothing to enumerate.
+  const Cell* snapshot_row_;
 };
 
 // One column: of a recordset, or detached, with the row where it was made.
@@ -1289,7 +1359,8 @@ class FieldObject final
   static constexpr const wchar_t* kSource = kFieldSource;
   static Members<FieldObject> members();
 
-  // `snapshot_row` points into the owner's rows, or is NULL.
+  // `snapshot_row` points into the owner's rows; it may be NULL where there is
+  // no falling back on it.
   FieldObject(InterfacePtr<RecordsetObject> owner, std::size_t index,
               const Cell* snapshot_row, bool allow_snapshot_fallback) noexcept
       : owner_(std::move(owner)),
@@ -1305,8 +1376,6 @@ class FieldObject final
   HRESULT get_Value(VARIANT* value) override;
 
  private:
-  HRESULT copy_snapshot_value(VARIANT* value) const;
-
   InterfacePtr<RecordsetObject> owner_;
   std::shared_ptr<const RowStore> rows_;
   std::size_t index_;
@@ -1449,34 +1518,45 @@ HRESULT odbc_undeclared(const VARIANT& value, ZirdbOdbcValue* odbc) {
   }
 }
 
+// By the declared type, or the value's own.
+HRESULT odbc_value(const VARIANT& value, std::int64_t type,
+                   ZirdbOdbcValue* odbc) {
+  switch (type) {
+    case ZIRDB_AD_GUID:
+    case ZIRDB_AD_VARCHAR:
+    case ZIRDB_AD_VARWCHAR:
+      return odbc_text(value, odbc);
+    case ZIRDB_AD_VARBINARY:
+      return odbc_binary(value, odbc);
+    case ZIRDB_AD_BOOLEAN:
+      return odbc_bool(value, odbc);
+    case ZIRDB_AD_INTEGER:
+    case ZIRDB_AD_BIGINT:
+      return odbc_integer(value, odbc);
+    default:
+      return odbc_undeclared(value, odbc);
+  }
+}
+
+// The four functions that a command's execution calls. They fail by code alone,
+// a lack of memory included; their callers record the text.
+
 // What the ODBC layer is to send for a parameter. On failure `odbc` is partly
 // filled; the code is that of the conversion.
 [[maybe_unused]] HRESULT db_parameter_to_odbc_parameter(
     const DbParameter& parameter, ZirdbOdbcParameter* odbc) {
-  *odbc = {parameter.type, parameter.direction, parameter.size, {}};
-  const VARIANT* const given = unwrapped<const VARIANT>(&parameter.value);
-  if (given == nullptr || given->vt == VT_EMPTY || given->vt == VT_NULL) {
-    return S_OK;
-  }
-  // An object's default member may put another value.
-  const VARIANT value = *given;
-  const auto held = InterfacePtr<IDispatch>::share(
-      value.vt == VT_DISPATCH ? value.pdispVal : nullptr);
-  switch (parameter.type) {
-    case ZIRDB_AD_GUID:
-    case ZIRDB_AD_VARCHAR:
-    case ZIRDB_AD_VARWCHAR:
-      return odbc_text(value, &odbc->value);
-    case ZIRDB_AD_VARBINARY:
-      return odbc_binary(value, &odbc->value);
-    case ZIRDB_AD_BOOLEAN:
-      return odbc_bool(value, &odbc->value);
-    case ZIRDB_AD_INTEGER:
-    case ZIRDB_AD_BIGINT:
-      return odbc_integer(value, &odbc->value);
-    default:
-      return odbc_undeclared(value, &odbc->value);
-  }
+  return without_bad_alloc([&] {
+    *odbc = {parameter.type, parameter.direction, parameter.size, {}};
+    const VARIANT* const given = unwrapped<const VARIANT>(&parameter.value);
+    if (given == nullptr || given->vt == VT_EMPTY || given->vt == VT_NULL) {
+      return S_OK;
+    }
+    // An object's default member may put another value.
+    const VARIANT value = *given;
+    const auto held = InterfacePtr<IDispatch>::share(
+        value.vt == VT_DISPATCH ? value.pdispVal : nullptr);
+    return odbc_value(value, parameter.type, &odbc->value);
+  });
 }
 
 // What came back for a parameter, into an `out` that owns nothing.
@@ -1513,22 +1593,25 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
   return E_INVALIDARG;
 }
 
-// Gives every parameter the value at its position, inputs too: they come back
-// in the type in which they were sent. Stops at the first that cannot be
-// converted; those before it keep their new values.
+// Gives every parameter the value at its position in `odbc`, inputs too: they
+// come back in the type in which they were sent. `parameters` are those that
+// were sent; an empty slot among them is passed over. Stops at the first that
+// cannot be converted; those before it keep their new values.
 [[maybe_unused]] HRESULT write_back_parameter_values(
     const DbParameterList& parameters,
     const std::vector<ZirdbOdbcParameter>& odbc) {
-  const std::size_t count = std::min(parameters.size(), odbc.size());
-  for (std::size_t i = 0; i < count; ++i) {
-    DbParameter* const parameter = parameters[i].get();
-    if (parameter == nullptr) continue;
-    _variant_t value;
-    const HRESULT result = odbc_parameter_to_variant(odbc[i], &value);
-    if (FAILED(result)) return result;
-    replace(parameter->value, value);
-  }
-  return S_OK;
+  return without_bad_alloc([&] {
+    const std::size_t count = std::min(parameters.size(), odbc.size());
+    for (std::size_t i = 0; i < count; ++i) {
+      DbParameter* const parameter = parameters[i].get();
+      if (parameter == nullptr) continue;
+      _variant_t value;
+      const HRESULT result = odbc_parameter_to_variant(odbc[i], &value);
+      if (FAILED(result)) return result;
+      replace(parameter->value, value);
+    }
+    return S_OK;
+  });
 }
 
 // What stands in for the write-back where no values are taken: outputs are
@@ -1553,13 +1636,9 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
 // made from them.
 [[maybe_unused]] HRESULT write_back_parameter_array(
     SAFEARRAY* array, const DbParameterList& parameters) {
-  std::size_t count = 0;
-  const HRESULT counted = count_elements(array, &count);
-  if (FAILED(counted)) return counted;
-  const SafeArrayAccess access(array);
-  if (FAILED(access.result())) return access.result();
-  auto* const elements = access.elements<VARIANT>();
-  count = std::min(count, parameters.size());
+  const FirstDimension<VARIANT> elements(array);
+  if (FAILED(elements.result())) return elements.result();
+  const std::size_t count = std::min(elements.size(), parameters.size());
   for (std::size_t i = 0; i < count; ++i) {
     if (parameters[i] == nullptr) continue;
     _variant_t value;
@@ -1594,7 +1673,8 @@ HRESULT describe_element(const VARIANT* element, DbParameter* parameter) {
 }
 
 // A parameter for each element of an array of variants with one dimension,
-// added to `parameters`. DISP_E_TYPEMISMATCH for anything else.
+// added to `parameters`. DISP_E_TYPEMISMATCH for anything else. Those made
+// before a failure stay in the list.
 [[maybe_unused]] HRESULT build_dispatch_execute_parameters(
     const VARIANT* value, DbParameterList* parameters) {
   value = unwrapped(value);
@@ -1602,20 +1682,18 @@ HRESULT describe_element(const VARIANT* element, DbParameter* parameter) {
       value->parray == nullptr || value->parray->cDims != 1) {
     return DISP_E_TYPEMISMATCH;
   }
-  std::size_t count = 0;
-  const HRESULT counted = count_elements(value->parray, &count);
-  if (FAILED(counted)) return counted;
-  const SafeArrayAccess access(value->parray);
-  if (FAILED(access.result())) return access.result();
-  const auto* const elements = access.elements<VARIANT>();
-  for (std::size_t i = 0; i < count; ++i) {
-    auto parameter = std::make_shared<DbParameter>();
-    parameter->name = L"p" + std::to_wstring(i + 1);
-    const HRESULT described = describe_element(&elements[i], parameter.get());
-    if (FAILED(described)) return described;
-    parameters->push_back(std::move(parameter));
-  }
-  return S_OK;
+  const FirstDimension<VARIANT> elements(value->parray);
+  if (FAILED(elements.result())) return elements.result();
+  return without_bad_alloc([&] {
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+      auto parameter = std::make_shared<DbParameter>();
+      parameter->name = L"p" + std::to_wstring(i + 1);
+      const HRESULT described = describe_element(&elements[i], parameter.get());
+      if (FAILED(described)) return described;
+      parameters->push_back(std::move(parameter));
+    }
+    return S_OK;
+  });
 }
 
 // ---------------------------------------------------------------------------
@@ -1675,17 +1753,15 @@ HRESULT ParameterObject::put_Value(VARIANT value) {
   });
 }
 
-namespace parameter_fields {
-
-HRESULT get(const DbParameter* parameter, std::int64_t DbParameter::*field,
-            long* out) {
+HRESULT get_number(const DbParameter* parameter,
+                   std::int64_t DbParameter::*field, long* out) {
   if (out == nullptr || parameter == nullptr) return E_INVALIDARG;
   *out = parameter->*field;
   return S_OK;
 }
 
-HRESULT put(DbParameter* parameter, std::int64_t DbParameter::*field,
-            long value, bool accepted) {
+HRESULT put_number(DbParameter* parameter, std::int64_t DbParameter::*field,
+                   long value, bool accepted) {
   if (parameter == nullptr) return E_UNEXPECTED;
   // Deliberate: to a script its parameters are part of the command.
   if (!accepted) return fail(kBadArguments, kCommandSource);
@@ -1693,12 +1769,9 @@ HRESULT put(DbParameter* parameter, std::int64_t DbParameter::*field,
   return S_OK;
 }
 
-}  // namespace parameter_fields
-
 HRESULT ParameterObject::get_Type(long* type) {
-  return guarded([&] {
-    return parameter_fields::get(parameter_.get(), &DbParameter::type, type);
-  });
+  return guarded(
+      [&] { return get_number(parameter_.get(), &DbParameter::type, type); });
 }
 
 HRESULT ParameterObject::put_Type(long type) {
@@ -1706,38 +1779,34 @@ HRESULT ParameterObject::put_Type(long type) {
       ZIRDB_AD_EMPTY, ZIRDB_AD_INTEGER, ZIRDB_AD_BOOLEAN,  ZIRDB_AD_BIGINT,
       ZIRDB_AD_GUID,  ZIRDB_AD_VARCHAR, ZIRDB_AD_VARWCHAR, ZIRDB_AD_VARBINARY};
   return guarded([&] {
-    return parameter_fields::put(parameter_.get(), &DbParameter::type, type,
-                                 std::find(std::begin(kTypes), std::end(kTypes),
-                                           type) != std::end(kTypes));
+    return put_number(parameter_.get(), &DbParameter::type, type,
+                      std::find(std::begin(kTypes), std::end(kTypes), type) !=
+                          std::end(kTypes));
   });
 }
 
 HRESULT ParameterObject::get_Direction(long* direction) {
   return guarded([&] {
-    return parameter_fields::get(parameter_.get(), &DbParameter::direction,
-                                 direction);
+    return get_number(parameter_.get(), &DbParameter::direction, direction);
   });
 }
 
 HRESULT ParameterObject::put_Direction(long direction) {
   return guarded([&] {
-    return parameter_fields::put(parameter_.get(), &DbParameter::direction,
-                                 direction,
-                                 direction >= ZIRDB_AD_PARAM_UNKNOWN &&
-                                     direction <= ZIRDB_AD_PARAM_RETURN_VALUE);
+    return put_number(parameter_.get(), &DbParameter::direction, direction,
+                      direction >= ZIRDB_AD_PARAM_UNKNOWN &&
+                          direction <= ZIRDB_AD_PARAM_RETURN_VALUE);
   });
 }
 
 HRESULT ParameterObject::get_Size(long* size) {
-  return guarded([&] {
-    return parameter_fields::get(parameter_.get(), &DbParameter::size, size);
-  });
+  return guarded(
+      [&] { return get_number(parameter_.get(), &DbParameter::size, size); });
 }
 
 HRESULT ParameterObject::put_Size(long size) {
   return guarded([&] {
-    return parameter_fields::put(parameter_.get(), &DbParameter::size, size,
-                                 true);
+    return put_number(parameter_.get(), &DbParameter::size, size, true);
   });
 }
 
@@ -1745,7 +1814,7 @@ Members<ParametersObject> ParametersObject::members() {
   using Self = ParametersObject;
   static constexpr Member<Self> kMembers[] = {
       {L"Item", DISPID_ZIRDB_PARAMETERS_ITEM, kItem,
-       GetItem<&Self::Item>::answer},
+       GetItem<&Self::item>::answer},
       {L"Count", DISPID_ZIRDB_PARAMETERS_COUNT, kGet,
        Get<&Self::get_Count>::answer},
       {L"Append", DISPID_ZIRDB_PARAMETERS_APPEND, kMethodWithOne,
@@ -1805,53 +1874,65 @@ HRESULT ParametersObject::Item(VARIANT index, IZIRDBParameter** parameter) {
   return guarded([&] {
     if (parameter == nullptr) return E_INVALIDARG;
     *parameter = nullptr;
-    if (parameters_ == nullptr) return E_INVALIDARG;
-    std::size_t position = 0;
-    const HRESULT result = resolve_parameter_index(index, &position);
-    if (FAILED(result)) return result;
-    *parameter = make<ParameterObject>((*parameters_)[position]).detach();
-    return S_OK;
+    InterfacePtr<ParameterObject> made;
+    const HRESULT result = item(index, &made);
+    *parameter = made.detach();
+    return result;
   });
+}
+
+HRESULT ParametersObject::item(const VARIANT& index,
+                               InterfacePtr<ParameterObject>* parameter) const {
+  if (parameters_ == nullptr) return E_INVALIDARG;
+  std::size_t position = 0;
+  const HRESULT result = resolve_parameter_index(index, &position);
+  if (FAILED(result)) return result;
+  *parameter = make<ParameterObject>((*parameters_)[position]);
+  return S_OK;
 }
 
 HRESULT ParametersObject::Append(IZIRDBParameter* parameter) {
   return guarded([&] { return append(parameter); });
 }
 
+// By its getters, the first failure of which ends it.
+HRESULT read_foreign_parameter(IZIRDBParameter* foreign, DbParameter* copy) {
+  _bstr_t name;
+  HRESULT result = foreign->get_Name(&name.m_s);
+  if (FAILED(result)) return result;
+  copy->name = wstring_from_bstr(name.m_s);
+  _variant_t value;
+  result = foreign->get_Value(&value);
+  if (FAILED(result)) return result;
+  result = copy_variant(value, &copy->value);
+  if (FAILED(result)) return result;
+  result = foreign->get_Type(&copy->type);
+  if (SUCCEEDED(result)) result = foreign->get_Direction(&copy->direction);
+  if (SUCCEEDED(result)) result = foreign->get_Size(&copy->size);
+  return result;
+}
+
 HRESULT ParametersObject::append(IZIRDBParameter* parameter) const {
   if (parameter == nullptr || parameters_ == nullptr) return E_INVALIDARG;
   // Foreign getters may do anything, such as letting this object go.
   const std::shared_ptr<DbParameterList> list = parameters_;
-  if (const auto* const own = dynamic_cast<ParameterObject*>(parameter)) {
-    if (own->parameter() == nullptr) return E_UNEXPECTED;
-    list->push_back(own->parameter());
+  if (const auto* const shared = own<ParameterObject>(parameter)) {
+    if (shared->parameter() == nullptr) return E_UNEXPECTED;
+    list->push_back(shared->parameter());
     return S_OK;
   }
   auto copy = std::make_shared<DbParameter>();
-  _bstr_t name;
-  HRESULT result = parameter->get_Name(&name.m_s);
+  const HRESULT result = read_foreign_parameter(parameter, copy.get());
+  // Whatever the getters may have left behind.
+  clear_db_error();
   if (FAILED(result)) return result;
-  copy->name = wstring_from_bstr(name.m_s);
-  _variant_t value;
-  result = parameter->get_Value(&value);
-  if (FAILED(result)) return result;
-  result = copy_variant(value, &copy->value);
-  if (FAILED(result)) return result;
-  long type = 0;
-  long direction = 0;
-  long size = 0;
-  result = parameter->get_Type(&type);
-  if (SUCCEEDED(result)) result = parameter->get_Direction(&direction);
-  if (SUCCEEDED(result)) result = parameter->get_Size(&size);
-  if (FAILED(result)) return result;
-  copy->type = type;
-  copy->direction = direction;
-  copy->size = size;
   list->push_back(std::move(copy));
   return S_OK;
 }
 
 HRESULT ParametersObject::invoke_append(ParametersObject& self, Call& call) {
+  // Asking a foreign object may let this one go.
+  const auto held = InterfacePtr<ParametersObject>::share(&self);
   const auto object = InterfacePtr<IDispatch>::share(
       static_cast<IDispatch*>(call.arguments(0)));
   const auto parameter = object.query<IZIRDBParameter>(IID_IZIRDBParameter);
@@ -1869,7 +1950,7 @@ HRESULT ParametersObject::invoke_append(ParametersObject& self, Call& call) {
 Members<FieldsObject> FieldsObject::members() {
   using Self = FieldsObject;
   static constexpr Member<Self> kMembers[] = {
-      {L"Item", DISPID_ZIRDB_FIELDS_ITEM, kItem, GetItem<&Self::Item>::answer},
+      {L"Item", DISPID_ZIRDB_FIELDS_ITEM, kItem, GetItem<&Self::item>::answer},
       {L"Count", DISPID_ZIRDB_FIELDS_COUNT, kGet,
        Get<&Self::get_Count>::answer},
       {L"_NewEnum", DISPID_NEWENUM, kEnumerator, invoke_new_enum},
@@ -1879,16 +1960,8 @@ Members<FieldsObject> FieldsObject::members() {
 }
 
 FieldsObject::FieldsObject(InterfacePtr<RecordsetObject> owner) noexcept
-    : owner_(std::move(owner)) {
-  if (!owner_) return;
-  snapshot_row_ = owner_->current_row();
-  allow_snapshot_fallback_ = snapshot_row_ != nullptr && owner_->is_open();
-  if (!owner_->is_open()) {
-    enum_failure_hr_ = kClosed.code;
-  } else if (snapshot_row_ == nullptr) {
-    enum_failure_hr_ = kNoCurrentRecord.code;
-  }
-}
+    : owner_(std::move(owner)),
+      snapshot_row_(owner_ ? owner_->current_row() : nullptr) {}
 
 HRESULT FieldsObject::get_Count(long* count) {
   return guarded([&] {
@@ -1902,11 +1975,10 @@ HRESULT FieldsObject::get_Count(long* count) {
 
 // Deliberate: a NULL name is the name of no column, not even of one that has
 // none.
-HRESULT FieldsObject::resolve_column_index(const VARIANT& index,
-                                           std::size_t* position) const {
+HRESULT resolve_column_index(const ColumnTable* columns, const VARIANT& index,
+                             std::size_t* position) {
   const VARIANT* const given = unwrapped(&index);
   if (given == nullptr) return E_INVALIDARG;
-  const ColumnTable* const columns = owner_ ? owner_->columns() : nullptr;
   if (given->vt != VT_BSTR) {
     const std::size_t count = columns != nullptr ? columns->size() : 0;
     return position_of_index(*given, count, position)
@@ -1925,42 +1997,49 @@ HRESULT FieldsObject::Item(VARIANT index, IZIRDBField** field) {
   return guarded([&] {
     if (field == nullptr) return E_INVALIDARG;
     *field = nullptr;
-    if (owner_ && !owner_->is_open()) {
-      return fail(
-          owner_->is_closed_by_connection() ? kItemNotAvailable : kClosed,
-          kRecordsetSource);
-    }
-    std::size_t position = 0;
-    const HRESULT result = resolve_column_index(index, &position);
-    if (FAILED(result)) return result;
-    // Only an owner has columns, so there is one.
-    const Cell* const live_row = owner_->current_row();
-    *field = make<FieldObject>(InterfacePtr<RecordsetObject>(owner_), position,
-                               live_row != nullptr ? live_row : snapshot_row_,
-                               allow_snapshot_fallback_)
-                 .detach();
-    return S_OK;
+    InterfacePtr<FieldObject> made;
+    const HRESULT result = item(index, &made);
+    *field = made.detach();
+    return result;
   });
 }
 
-HRESULT FieldsObject::get__NewEnum(
-    InterfacePtr<IEnumVARIANT>* enumerator) const {
-  const bool empty = !owner_ || owner_->is_closed_by_connection();
-  if (!empty) {
-    if (!owner_->is_open() || enum_failure_hr_ == kClosed.code) {
-      return fail(kClosed, kRecordsetSource);
-    }
-    if (FAILED(enum_failure_hr_)) {
-      return fail(kNoCurrentRecord, kRecordsetSource);
-    }
+HRESULT FieldsObject::item_of(RecordsetObject* owner, const Cell* snapshot_row,
+                              const VARIANT& index,
+                              InterfacePtr<FieldObject>* field) {
+  if (owner != nullptr && !owner->is_open()) {
+    return fail(owner->is_closed_by_connection() ? kItemNotAvailable : kClosed,
+                kRecordsetSource);
   }
-  *enumerator = InterfacePtr<IEnumVARIANT>::adopt(new FieldsEnumerator(
-      empty ? nullptr : owner_->rows(), empty ? nullptr : snapshot_row_, 0));
+  std::size_t position = 0;
+  const HRESULT result = resolve_column_index(
+      owner != nullptr ? owner->columns() : nullptr, index, &position);
+  // Without an owner there are no columns to find.
+  if (FAILED(result) || owner == nullptr) return result;
+  const Cell* const live_row = owner->current_row();
+  *field = make<FieldObject>(
+      InterfacePtr<RecordsetObject>::share(owner), position,
+      live_row != nullptr ? live_row : snapshot_row, snapshot_row != nullptr);
+  return S_OK;
+}
+
+HRESULT FieldsObject::get__NewEnum(
+    InterfacePtr<FieldsEnumerator>* enumerator) const {
+  if (!owner_ || owner_->is_closed_by_connection()) {
+    *enumerator = make<FieldsEnumerator>(nullptr, nullptr, std::size_t{0});
+    return S_OK;
+  }
+  if (!owner_->is_open()) return fail(kClosed, kRecordsetSource);
+  if (snapshot_row_ == nullptr) {
+    return fail(kNoCurrentRecord, kRecordsetSource);
+  }
+  *enumerator =
+      make<FieldsEnumerator>(owner_->rows(), snapshot_row_, std::size_t{0});
   return S_OK;
 }
 
 HRESULT FieldsObject::invoke_new_enum(FieldsObject& self, Call& call) {
-  InterfacePtr<IEnumVARIANT> enumerator;
+  InterfacePtr<FieldsEnumerator> enumerator;
   const HRESULT result = self.get__NewEnum(&enumerator);
   if (FAILED(result)) return call.raise(result);
   VARIANT value = {};
@@ -1992,12 +2071,6 @@ HRESULT FieldObject::get_Name(BSTR* name) {
   });
 }
 
-HRESULT FieldObject::copy_snapshot_value(VARIANT* value) const {
-  if (snapshot_row_ != nullptr) return copy_cell(snapshot_row_[index_], value);
-  value->vt = VT_NULL;
-  return S_OK;
-}
-
 HRESULT FieldObject::get_Value(VARIANT* value) {
   return guarded([&] {
     if (value == nullptr) return E_INVALIDARG;
@@ -2007,7 +2080,7 @@ HRESULT FieldObject::get_Value(VARIANT* value) {
     VariantInit(value);
     if (!owner_ ||
         (owner_->current_row() == nullptr && allow_snapshot_fallback_)) {
-      return copy_snapshot_value(value);
+      return copy_cell(snapshot_row_[index_], value);
     }
     return owner_->copy_current_value(index_, value);
   });
@@ -2070,7 +2143,7 @@ HRESULT FieldsEnumerator::Clone(IEnumVARIANT** clone) {
   return guarded([&] {
     if (clone == nullptr) return E_INVALIDARG;
     *clone = nullptr;
-    *clone = new FieldsEnumerator(rows_, snapshot_row_, index_);
+    *clone = make<FieldsEnumerator>(rows_, snapshot_row_, index_).detach();
     return S_OK;
   });
 }
@@ -2133,11 +2206,6 @@ HRESULT RecordsetObject::closed_state_error() const {
               kRecordsetSource);
 }
 
-template <class Operation>
-HRESULT RecordsetObject::when_open(Operation operation) const {
-  return guarded([&] { return open_ ? operation() : closed_state_error(); });
-}
-
 HRESULT RecordsetObject::get_Fields(IZIRDBFields** fields) {
   return guarded([&] {
     if (fields == nullptr) return E_INVALIDARG;
@@ -2149,13 +2217,19 @@ HRESULT RecordsetObject::get_Fields(IZIRDBFields** fields) {
   });
 }
 
-HRESULT RecordsetObject::make_fields(InterfacePtr<FieldsObject>* fields) {
+HRESULT RecordsetObject::fields_owner(RecordsetObject** owner) {
   if (!open_ && !closed_by_connection_ && !allow_fields_on_closed_) {
     return fail(kRecordsetClosed, kRecordsetSource);
   }
-  // What the connection closed has no columns any more.
-  *fields = make<FieldsObject>(InterfacePtr<RecordsetObject>::share(
-      closed_by_connection_ ? nullptr : this));
+  *owner = closed_by_connection_ ? nullptr : this;
+  return S_OK;
+}
+
+HRESULT RecordsetObject::make_fields(InterfacePtr<FieldsObject>* fields) {
+  RecordsetObject* owner = nullptr;
+  const HRESULT result = fields_owner(&owner);
+  if (FAILED(result)) return result;
+  *fields = make<FieldsObject>(InterfacePtr<RecordsetObject>::share(owner));
   return S_OK;
 }
 
@@ -2196,7 +2270,8 @@ HRESULT RecordsetObject::get_RecordCount(long* count) {
 }
 
 HRESULT RecordsetObject::MoveFirst() {
-  return when_open([&] {
+  return guarded([&] {
+    if (!open_) return closed_state_error();
     if (rows_ == nullptr || rows_->size() == 0) {
       return fail(kNoCurrentRecord, kRecordsetSource);
     }
@@ -2210,7 +2285,8 @@ HRESULT RecordsetObject::MoveFirst() {
 // Deliberate: a refused MoveLast leaves the cursor past the end; MoveFirst
 // brings it back.
 HRESULT RecordsetObject::MoveLast() {
-  return when_open([&] {
+  return guarded([&] {
+    if (!open_) return closed_state_error();
     eof_ = true;
     bof_ = true;
     has_current_row_ = false;
@@ -2219,7 +2295,10 @@ HRESULT RecordsetObject::MoveLast() {
 }
 
 HRESULT RecordsetObject::MovePrevious() {
-  return when_open([&] { return fail(kNotInThisContext, kRecordsetSource); });
+  return guarded([&] {
+    if (!open_) return closed_state_error();
+    return fail(kNotInThisContext, kRecordsetSource);
+  });
 }
 
 HRESULT RecordsetObject::MoveNext() {
@@ -2258,6 +2337,7 @@ HRESULT RecordsetObject::close() {
 
 HRESULT RecordsetObject::copy_current_value(std::size_t index,
                                             VARIANT* out) const {
+  // Columns never change; this is for a caller that would not know.
   if (index >= get_column_count()) {
     return fail(kFieldOutOfRange, kRecordsetSource);
   }
@@ -2272,18 +2352,24 @@ HRESULT RecordsetObject::copy_current_value(std::size_t index,
 }
 
 // Deliberate: a recordset that has no fields to give says so before anything
-// else. With arguments, the call is one of the collection's items.
+// else. With arguments, the call is one of the collection's items; nobody could
+// see the collection itself, so that is not made.
 HRESULT RecordsetObject::invoke_fields(RecordsetObject& self, Call& call) {
-  InterfacePtr<FieldsObject> fields;
-  const HRESULT result = self.make_fields(&fields);
+  RecordsetObject* owner = nullptr;
+  const HRESULT result = self.fields_owner(&owner);
   if (FAILED(result)) return call.raise(result);
-  if (call.arguments.count() > 0) {
-    return fields->Invoke(DISPID_ZIRDB_FIELDS_ITEM, IID_NULL, 0, call.flags,
-                          call.arguments.target(), call.result, call.exception,
-                          nullptr);
+  const bool is_item = call.arguments.count() > 0;
+  const HRESULT admitted = admit(is_item ? kItem : kGet, call);
+  if (FAILED(admitted)) return admitted;
+  if (!is_item) {
+    return call.give(
+        make<FieldsObject>(InterfacePtr<RecordsetObject>::share(owner)));
   }
-  const HRESULT admitted = admit(kGet, call);
-  return FAILED(admitted) ? admitted : call.give(fields.detach());
+  call.source = FieldsObject::kSource;
+  InterfacePtr<FieldObject> field;
+  const HRESULT found = FieldsObject::item_of(owner, self.current_row(),
+                                              *call.arguments.raw(0), &field);
+  return FAILED(found) ? call.raise(found) : call.give(std::move(field));
 }
 
 // An argument that can be called back.
@@ -2311,11 +2397,11 @@ HRESULT call_back(const InterfacePtr<IDispatch>& callback, IDispatch* fields,
 // Walks from the current row to the end and closes the recordset. A callback
 // that fails ends the walk on its row, with its own code.
 HRESULT RecordsetObject::invoke_for_each(RecordsetObject& self, Call& call) {
+  // The callback may let the recordset go.
+  const auto held = InterfacePtr<RecordsetObject>::share(&self);
   auto callback = callback_of(static_cast<VARIANT*>(call.arguments(0)));
   if (!callback) return DISP_E_TYPEMISMATCH;
   if (!self.open_) return call.raise(self.closed_state_error());
-  // The callback may let the recordset go.
-  const auto held = InterfacePtr<RecordsetObject>::share(&self);
   InterfacePtr<FieldsObject> fields;
   const HRESULT result = self.make_fields(&fields);
   if (FAILED(result)) return call.raise(result);
@@ -2434,9 +2520,7 @@ HRESULT DllGetClassObject(REFCLSID clsid, REFIID riid, void** factory) {
     *factory = nullptr;
     const CreatableClass* const found = find_class(clsid, name);
     if (found == nullptr) return CLASS_E_CLASSNOTAVAILABLE;
-    const auto made = InterfacePtr<ZIRDBClassFactory>::adopt(
-        new ZIRDBClassFactory(found->kind));
-    return made->QueryInterface(riid, factory);
+    return make<ZIRDBClassFactory>(found->kind)->QueryInterface(riid, factory);
   });
 }
 

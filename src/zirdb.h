@@ -16,7 +16,8 @@
 //    E_OUTOFMEMORY. Strings, values and interfaces that an operation stores are
 //    the caller's to free; what the caller passes in stays the caller's.
 //  - What went wrong is kept per thread: a late-bound call that fails with
-//    DISP_E_EXCEPTION finds code, source and text in its EXCEPINFO.
+//    DISP_E_EXCEPTION finds code, source and text in its EXCEPINFO, which must
+//    have been initialised: what it held is freed.
 //  - References may be taken and dropped on any thread. Apart from that an
 //    object, and what shares its state, belongs to one thread at a time.
 
@@ -129,7 +130,7 @@ enum ZIRDBRecordsetDispId : DISPID {
   DISPID_ZIRDB_RECORDSET_FOREACH = 11
 };
 
-/// Besides, DISPID_NEWENUM makes an enumerator of the fields.
+/// DISPID_NEWENUM, under the names _NewEnum and NewEnum, makes an enumerator.
 enum ZIRDBFieldsDispId : DISPID {
   DISPID_ZIRDB_FIELDS_ITEM = 0,
   DISPID_ZIRDB_FIELDS_COUNT = 1
@@ -166,9 +167,10 @@ struct IZIRDBField : IUnknown {
   /// The column's name. 0x800A0D5C once the recordset is closed.
   virtual HRESULT get_Name(BSTR* name) = 0;
   /// The value in the current row, a copy. At the end of the rows: the value
-  /// that was current when the field was made, or 0x800A0BCD when there was
+  /// that was current when the field was made or, if it was made there, that of
+  /// the row where its Fields object was made; 0x800A0BCD if that was made on
   /// none. 0x800A0D5C once the recordset is closed. A field from an enumerator
-  /// keeps its name and value for good.
+  /// keeps its name and value for good, and with them the rows in memory.
   virtual HRESULT get_Value(VARIANT* value) = 0;
 
  protected:
@@ -179,8 +181,8 @@ struct IZIRDBField : IUnknown {
 struct IZIRDBFields : IUnknown {
   /// The number of columns; 0 after the connection closed the recordset.
   virtual HRESULT get_Count(long* count) = 0;
-  /// A new field: by name, the first whose letters agree in either case, or by
-  /// position from 0. 0x800A0CC1 when there is none, 0x800A0E78 when the
+  /// A new field, by name (the first match, ignoring case) or by position from
+  /// 0. 0x800A0CC1 when there is none, 0x800A0E78 when the
   /// recordset was closed, 0x80004005 when its connection closed it.
   virtual HRESULT Item(VARIANT index, IZIRDBField** field) = 0;
 
@@ -192,14 +194,14 @@ struct IZIRDBFields : IUnknown {
 /// When closed, everything but get_State and get_Fields fails with 0x800A0E78.
 struct IZIRDBRecordset : IUnknown {
   /// A new collection of the columns, which reads the row where the recordset
-  /// stands at the time. Works on a closed recordset for the names' number; is
-  /// empty after the connection closed it.
+  /// stands at the time. On a closed recordset it only counts them; after the
+  /// connection closed it, it is empty.
   virtual HRESULT get_Fields(IZIRDBFields** fields) = 0;
   /// A ZIRDBStateEnum.
   virtual HRESULT get_State(long* state) = 0;
   /// Whether the cursor is behind the last row.
   virtual HRESULT get_EOF(VARIANT_BOOL* at_end) = 0;
-  /// Whether there are no rows, or MoveLast was tried.
+  /// Whether there are no rows, or MoveLast was tried and not MoveFirst since.
   virtual HRESULT get_BOF(VARIANT_BOOL* at_start) = 0;
   /// Always -1: unknown, as for a forward cursor.
   virtual HRESULT get_RecordCount(long* count) = 0;
@@ -211,7 +213,7 @@ struct IZIRDBRecordset : IUnknown {
   virtual HRESULT MovePrevious() = 0;
   /// To the next row or, from the last one, to the end; there 0x800A0BCD.
   virtual HRESULT MoveNext() = 0;
-  /// Drops the rows.
+  /// Drops the rows, as far as no enumerator or field from one keeps them.
   virtual HRESULT Close() = 0;
 
  protected:
@@ -253,11 +255,12 @@ struct IZIRDBParameter : IUnknown {
 /// The parameters of a command, in the order of its markers.
 struct IZIRDBParameters : IUnknown {
   virtual HRESULT get_Count(long* count) = 0;
-  /// A new object over a parameter: by name, the first whose letters agree in
-  /// either case, or by position from 0. 0x800A0CC1 when there is none.
+  /// A new object over a parameter, by name (the first match, ignoring case) or
+  /// by position from 0. 0x800A0CC1 when there is none.
   virtual HRESULT Item(VARIANT index, IZIRDBParameter** parameter) = 0;
-  /// Adds a parameter at the end. One made by a command of this library is
-  /// shared from then on; of a foreign implementation a copy is taken.
+  /// Adds a parameter at the end. An object of this library shares its values
+  /// from then on; of any other a copy is taken, through its getters, the first
+  /// failure of which is returned.
   virtual HRESULT Append(IZIRDBParameter* parameter) = 0;
 
  protected:
@@ -279,7 +282,8 @@ struct IZIRDBConnection : IUnknown {
   virtual HRESULT get_State(long* state) = 0;
   /// Connects with `connection_string` or, if that is empty, the one set
   /// before; "UID=user;" and "PWD=password;" are appended as they stand unless
-  /// empty. `options` has no meaning. 0x80040710 with the driver's text.
+  /// empty. `options` has no meaning. 0x80040711 while open, E_INVALIDARG
+  /// without any string, 0x80040710 with the driver's text.
   virtual HRESULT Open(BSTR connection_string, BSTR user, BSTR password,
                        long options) = 0;
   /// Disconnects and closes every recordset made here. Succeeds when closed.
@@ -287,7 +291,8 @@ struct IZIRDBConnection : IUnknown {
   /// Runs a statement: stores a recordset when it has columns, else NULL. The
   /// number of affected rows goes through `rows_affected` when that is by
   /// reference to an integer or a variant (-1 with columns). `options` has no
-  /// meaning. 0x80040712 with the driver's text.
+  /// meaning. 0x800A0E78 when closed, 0x80040E0C for an empty text, 0x80040712
+  /// with the driver's text.
   virtual HRESULT Execute(BSTR text, VARIANT* rows_affected, long options,
                           IZIRDBRecordset** recordset) = 0;
 
@@ -310,13 +315,15 @@ struct IZIRDBCommand : IUnknown {
   /// E_INVALIDARG for a number that is not in the enumeration.
   virtual HRESULT put_CommandType(long type) = 0;
   /// A new parameter, which belongs to the command only once it is appended to
-  /// its parameters. Nothing is checked.
+  /// its parameters. Nothing is checked; a NULL for an output becomes Empty.
   virtual HRESULT CreateParameter(BSTR name, long type, long direction,
                                   long size, VARIANT value,
                                   IZIRDBParameter** parameter) = 0;
   /// A new object over the command's one list of parameters.
   virtual HRESULT get_Parameters(IZIRDBParameters** parameters) = 0;
   /// Runs the command and stores a recordset, closed when there are no columns.
+  /// 0x800A0E7D without an open connection, 0x80040E0C without a text; the code
+  /// of the conversion for a value that does not fit its parameter.
   virtual HRESULT Execute(VARIANT* rows_affected, long options,
                           IZIRDBRecordset** recordset) = 0;
 
