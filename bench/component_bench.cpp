@@ -28,29 +28,18 @@
 #include <variant>
 #include <vector>
 
+#include "bench_run.h"
 #include "support/component_workbench.h"
 #include "zir.h"
 #include "zirdb.h"
 
 namespace {
 
+using bench_run::hidden;
+using bench_run::median;
+using bench_run::require;
+using bench_run::touch;
 using workbench::Cell;
-
-void require(bool condition, const std::string& what) {
-  if (!condition) throw std::runtime_error(what);
-}
-
-/// Makes the compiler believe that what `pointer` leads to is read and written.
-inline void touch(const void* pointer) {
-  asm volatile("" : : "r"(pointer) : "memory");
-}
-
-/// The same pointer, of which the compiler knows nothing.
-template <class Pointer>
-Pointer hidden(Pointer pointer) {
-  asm volatile("" : "+r"(pointer));
-  return pointer;
-}
 
 // ---------------------------------------------------------------------------
 // Data
@@ -732,13 +721,6 @@ void add_releases(Bench& bench) {
 // The report
 // ---------------------------------------------------------------------------
 
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 == 1 ? values[middle]
-                                : (values[middle - 1] + values[middle]) / 2;
-}
-
 /// Keeps the nanoseconds per item of every repetition, way by way in the order
 /// in which they were registered: repetitions end in any order.
 class Reporter : public benchmark::BenchmarkReporter {
@@ -821,33 +803,9 @@ void print_comparisons(const Bench& bench, Reporter& reporter) {
 // The command line
 // ---------------------------------------------------------------------------
 
-/// The benchmark library's arguments: those given, behind our own defaults.
-std::vector<std::string> benchmark_arguments(int argc, char** argv,
-                                             bool* quick) {
-  std::vector<std::string> arguments(argv, argv + argc);
-  const auto found = std::find(arguments.begin(), arguments.end(), "--quick");
-  *quick = found != arguments.end();
-  if (*quick) arguments.erase(found);
-  arguments.insert(
-      arguments.begin() + 1,
-      {"--benchmark_enable_random_interleaving=true",
-       std::string("--benchmark_repetitions=") + (*quick ? "1" : "9")});
-  return arguments;
-}
-
 int bench_main(int argc, char** argv) {
   Bench bench;
-  std::vector<std::string> arguments =
-      benchmark_arguments(argc, argv, &bench.quick);
-  std::vector<char*> pointers;
-  pointers.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  int count = static_cast<int>(arguments.size());
-  benchmark::Initialize(&count, pointers.data());
-  if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) {
-    return EXIT_FAILURE;
-  }
+  if (!bench_run::initialise(argc, argv, &bench.quick)) return EXIT_FAILURE;
 
   add_releases(bench);
   add_accesses(bench);

@@ -29,35 +29,19 @@
 #include <functional>
 #include <map>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "bench_run.h"
 #include "zir.h"
 
 namespace {
 
-void require(bool condition, const std::string& what) {
-  if (!condition) {
-    throw std::runtime_error(what);
-  }
-}
-
-/// Makes the compiler believe that what `pointer` leads to is read and written.
-/// Not the benchmark library's DoNotOptimize: it may hold a value in a register
-/// and in memory at once, of which g++ 12 under AddressSanitizer has seen to
-/// only one.
-inline void touch(const void* pointer) {
-  asm volatile("" : : "r"(pointer) : "memory");
-}
-
-/// The same value, of which the compiler knows nothing.
-template <class Pointer>
-Pointer hidden(Pointer pointer) {
-  asm volatile("" : "+r"(pointer));
-  return pointer;
-}
+using bench_run::hidden;
+using bench_run::median;
+using bench_run::require;
+using bench_run::touch;
 
 // ---------------------------------------------------------------------------
 // Texts
@@ -963,13 +947,6 @@ class Reporter : public benchmark::ConsoleReporter {
   std::map<std::string, std::vector<double>> times_;
 };
 
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 == 1 ? values[middle]
-                                : (values[middle - 1] + values[middle]) / 2;
-}
-
 void print_case(const Case& one, const std::vector<double>& library,
                 const std::vector<double>& yardstick) {
   std::vector<double> figures;
@@ -1018,33 +995,9 @@ void print_cases(const std::vector<Case>& cases, Reporter& reporter) {
 // The command line
 // ---------------------------------------------------------------------------
 
-/// The benchmark library's arguments: those given, behind our own defaults.
-std::vector<std::string> benchmark_arguments(int argc, char** argv,
-                                             bool* quick) {
-  std::vector<std::string> arguments(argv, argv + argc);
-  const auto found = std::find(arguments.begin(), arguments.end(), "--quick");
-  *quick = found != arguments.end();
-  if (*quick) arguments.erase(found);
-  arguments.insert(
-      arguments.begin() + 1,
-      {"--benchmark_enable_random_interleaving=true",
-       std::string("--benchmark_repetitions=") + (*quick ? "1" : "9")});
-  return arguments;
-}
-
 int bench_main(int argc, char** argv) {
   Bench bench;
-  std::vector<std::string> arguments =
-      benchmark_arguments(argc, argv, &bench.quick);
-  std::vector<char*> pointers;
-  pointers.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  int count = static_cast<int>(arguments.size());
-  benchmark::Initialize(&count, pointers.data());
-  if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) {
-    return EXIT_FAILURE;
-  }
+  if (!bench_run::initialise(argc, argv, &bench.quick)) return EXIT_FAILURE;
 
   bench.utf8_locale = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
   if (!bench.utf8_locale) {

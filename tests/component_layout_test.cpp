@@ -13,13 +13,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <string>
 #include <type_traits>
 #include <vector>
 
 #include "support/component.h"
 #include "support/component_host.h"
+#include "support/identifiers.h"
 #include "support/values.h"
 #include "zir.h"
 #include "zirdb.h"
@@ -30,18 +29,13 @@ using component::dispatch_of;
 using component::fields_of;
 using component::slot;
 using component::standalone_recordset;
+using identifiers::Identifier;
 
 // ---------------------------------------------------------------------------
 // Identifiers
 // ---------------------------------------------------------------------------
 
-struct Identifier {
-  const char* name;
-  const GUID& guid;
-  const char* text;
-};
-
-const std::vector<Identifier>& identifiers() {
+const std::vector<Identifier>& published_identifiers() {
   static const std::vector<Identifier> rows = {
       {"CLSID_ZIRDBConnection", CLSID_ZIRDBConnection,
        "A3B9D97A-3DE2-4287-9A7B-5EF21F449C1E"},
@@ -67,41 +61,14 @@ const std::vector<Identifier>& identifiers() {
   return rows;
 }
 
-/// The text of the 16 bytes at an address. The first three numbers are stored
-/// with their least byte first, the rest in reading order.
-std::string text_at(const void* address) {
-  constexpr std::array<std::size_t, 16> kReadingOrder = {
-      3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
-  std::array<unsigned char, 16> bytes{};
-  std::memcpy(bytes.data(), address, bytes.size());
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    text += kDigits[bytes[kReadingOrder[i]] >> 4U];
-    text += kDigits[bytes[kReadingOrder[i]] & 15U];
-  }
-  return text;
-}
-
 TEST(ComponentIdentifiers, EveryByteIsThePublishedOne) {
-  for (const Identifier& row : identifiers()) {
-    EXPECT_EQ(text_at(&row.guid), row.text) << row.name;
-  }
+  identifiers::expect_published(published_identifiers());
 }
 
 TEST(ComponentIdentifiers, TheLibraryExportsThemAndItsEntryPoints) {
-  struct CloseLibrary {
-    void operator()(void* library) const { dlclose(library); }
-  };
-  const std::unique_ptr<void, CloseLibrary> library(
-      dlopen("libzirdb.so.0", RTLD_NOW | RTLD_NOLOAD));
+  identifiers::expect_exported(published_identifiers());
+  const identifiers::Library library = identifiers::linked_library();
   ASSERT_NE(library, nullptr) << dlerror();
-  for (const Identifier& row : identifiers()) {
-    const void* const symbol = dlsym(library.get(), row.name);
-    ASSERT_NE(symbol, nullptr) << row.name;
-    EXPECT_EQ(text_at(symbol), row.text) << row.name;
-  }
   EXPECT_NE(dlsym(library.get(), "DllGetClassObject"), nullptr);
   EXPECT_NE(dlsym(library.get(), "DllCanUnloadNow"), nullptr);
 }

@@ -7,17 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <exception>
-#include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/component.h"
 #include "support/component_host.h"
+#include "support/threads.h"
 #include "zir.h"
 #include "zirdb.h"
 
@@ -31,41 +27,12 @@ using component::kRecordsetSource;
 using component::method;
 using component::references_of;
 using component::standalone_recordset;
+using threads::in_threads;
+using threads::kThreads;
 
-constexpr int kThreads = 4;
 constexpr int kRounds = 500;
 /// For what goes wrong only when threads meet at one instruction.
 constexpr int kManyRounds = 10 * kRounds;
-
-/// Lets all threads begin at once, so that they meet.
-class Gate {
- public:
-  void wait() {
-    ++waiting_;
-    while (waiting_ < kThreads) std::this_thread::yield();
-  }
-
- private:
-  std::atomic<int> waiting_{0};
-};
-
-// Runs the body with the numbers 0, 1, ... in a thread each. What a body
-// throws fails the test.
-void in_threads(const std::function<void(int)>& body) {
-  Gate gate;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&gate, &body, i] {
-      gate.wait();
-      try {
-        body(i);
-      } catch (const std::exception& failure) {
-        ADD_FAILURE() << "thread " << i << ": " << failure.what();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
 
 /// A member that fails, by the number of the thread that calls it.
 struct Failing {

@@ -6,19 +6,20 @@
 //
 // Sections: types; constants; identifiers; vtables; values in registers.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <type_traits>
 #include <vector>
 
+#include "support/identifiers.h"
 #include "zir.h"
 
 namespace {
+
+using identifiers::Identifier;
 
 // ---------------------------------------------------------------------------
 // Types
@@ -221,68 +222,32 @@ TEST(RuntimeConstants, FlagsAndIdsHaveTheirPublishedNumbers) {
 // Identifiers
 // ---------------------------------------------------------------------------
 
-struct Identifier {
-  const char* name;
-  const GUID& guid;
-  std::vector<unsigned> bytes;
-};
-
-/// Numbers are stored with their least byte first, Data4 in reading order.
-std::vector<Identifier> identifiers() {
-  const std::vector<unsigned> none(16, 0);
-  return {
-      {"IID_IUnknown",
-       IID_IUnknown,
-       {0, 0, 0, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
-      {"IID_IClassFactory",
-       IID_IClassFactory,
-       {1, 0, 0, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
-      {"IID_IDispatch",
-       IID_IDispatch,
-       {0, 0x04, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
-      {"IID_IEnumVARIANT",
-       IID_IEnumVARIANT,
-       {0x04, 0x04, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
-      {"IID_IErrorInfo",
-       IID_IErrorInfo,
-       {0x20, 0xB1, 0xF2, 0x1C, 0x7D, 0x54, 0x1B, 0x10, 0x8E, 0x65, 0x08, 0x00,
-        0x2B, 0x2B, 0xD1, 0x19}},
-      {"IID_IContextProperties",
-       IID_IContextProperties,
-       {0x85, 0xDA, 0x96, 0xD3, 0x8F, 0xBF, 0xD1, 0x11, 0xBB, 0xAE, 0x00, 0xC0,
-        0x4F, 0xC2, 0xFA, 0x5F}},
-      {"IID_IGetContextProperties",
-       IID_IGetContextProperties,
-       {0xF4, 0x2A, 0x37, 0x51, 0xE7, 0xCA, 0xCF, 0x11, 0xBE, 0x81, 0x00, 0xAA,
-        0x00, 0xA2, 0xFA, 0x25}},
-      {"IID_NULL", IID_NULL, none},
-      {"CLSID_NULL", CLSID_NULL, none},
+const std::vector<Identifier>& published_identifiers() {
+  static const std::vector<Identifier> rows = {
+      {"IID_IUnknown", IID_IUnknown, "00000000-0000-0000-C000-000000000046"},
+      {"IID_IClassFactory", IID_IClassFactory,
+       "00000001-0000-0000-C000-000000000046"},
+      {"IID_IDispatch", IID_IDispatch, "00020400-0000-0000-C000-000000000046"},
+      {"IID_IEnumVARIANT", IID_IEnumVARIANT,
+       "00020404-0000-0000-C000-000000000046"},
+      {"IID_IErrorInfo", IID_IErrorInfo,
+       "1CF2B120-547D-101B-8E65-08002B2BD119"},
+      {"IID_IContextProperties", IID_IContextProperties,
+       "D396DA85-BF8F-11D1-BBAE-00C04FC2FA5F"},
+      {"IID_IGetContextProperties", IID_IGetContextProperties,
+       "51372AF4-CAE7-11CF-BE81-00AA00A2FA25"},
+      {"IID_NULL", IID_NULL, "00000000-0000-0000-0000-000000000000"},
+      {"CLSID_NULL", CLSID_NULL, "00000000-0000-0000-0000-000000000000"},
   };
-}
-
-std::vector<unsigned> bytes_at(const void* address) {
-  const auto* const bytes = static_cast<const unsigned char*>(address);
-  return std::vector<unsigned>(bytes, bytes + 16);
+  return rows;
 }
 
 TEST(RuntimeIdentifiers, EveryByteIsThePublishedOne) {
-  for (const Identifier& row : identifiers()) {
-    EXPECT_EQ(bytes_at(&row.guid), row.bytes) << row.name;
-  }
+  identifiers::expect_published(published_identifiers());
 }
 
 TEST(RuntimeIdentifiers, TheLibraryExportsThem) {
-  struct CloseLibrary {
-    void operator()(void* library) const { dlclose(library); }
-  };
-  const std::unique_ptr<void, CloseLibrary> library(
-      dlopen("libzirdb.so.0", RTLD_NOW | RTLD_NOLOAD));
-  ASSERT_NE(library, nullptr) << dlerror();
-  for (const Identifier& row : identifiers()) {
-    const void* const symbol = dlsym(library.get(), row.name);
-    ASSERT_NE(symbol, nullptr) << row.name;
-    EXPECT_EQ(bytes_at(symbol), row.bytes) << row.name;
-  }
+  identifiers::expect_exported(published_identifiers());
 }
 
 TEST(RuntimeIdentifiers, EqualityTakesAll16Bytes) {

@@ -7,53 +7,21 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cstdint>
-#include <exception>
-#include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "component_fixture/registry.h"
 #include "support/objects.h"
+#include "support/threads.h"
 #include "zir.h"
 
 namespace {
 
 using objects::context;
-
-constexpr int kThreads = 4;
-
-/// Lets all threads begin at once, so that they meet.
-class Gate {
- public:
-  void wait() {
-    ++waiting_;
-    while (waiting_ < kThreads) std::this_thread::yield();
-  }
-
- private:
-  std::atomic<int> waiting_{0};
-};
-
-// Runs the body with the numbers 0, 1, ... in a thread each. What a body
-// throws fails the test.
-void in_threads(const std::function<void(int)>& body) {
-  Gate gate;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&gate, &body, i] {
-      gate.wait();
-      try {
-        body(i);
-      } catch (const std::exception& failure) {
-        ADD_FAILURE() << "thread " << i << ": " << failure.what();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
+using threads::Gate;
+using threads::in_threads;
+using threads::kThreads;
 
 /// Keeps the thread initialised while it lives.
 class Initialised {
