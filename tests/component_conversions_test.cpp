@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,20 @@ TEST(VariantToByteArray, WithoutADimensionTheBoundsFail) {
   const _variant_t value =
       array_value(VT_UI1, SafeArrayCreate(VT_UI1, 0, nullptr));
   bytes_of(value, DISP_E_BADINDEX);
+}
+
+// A host may write a descriptor by hand.
+TEST(VariantToByteArray, AnArrayWithoutDataHasNoBytes) {
+  for (const std::uint32_t count : {0U, 1U, 3U, 0xFFFFFFFFU}) {
+    SAFEARRAY array{};
+    array.cDims = 1;
+    array.cbElements = 1;
+    array.rgsabound[0] = {count, 5};
+    VARIANT value = plain(VT_ARRAY | VT_UI1, 0);
+    value.parray = &array;
+    EXPECT_TRUE(bytes_of(value, S_OK).empty()) << count;
+    EXPECT_EQ(array.cLocks, 0U);
+  }
 }
 
 TEST(VariantToByteArray, UnlocksTheArray) {

@@ -313,6 +313,28 @@ TEST(Costs, ACellReadByOneCallCostsNoMoreThanByTwo) {
   }
 }
 
+// Nobody would see the collection in between: it is not made.
+TEST(Costs, ACellReadByOneCallIsOneBlock) {
+  for (const Shape& shape : kShapes) {
+    const auto rows = recordset(shape);
+    const auto fields = fields_of(rows);
+    const auto late = dispatch_of(rows.get());
+    const std::size_t last = shape.columns - 1;
+    item(fields, name_of(last));
+    for (const _variant_t& index : {_variant_t(last), name_of(last)}) {
+      const Cost field = cost_of_item(fields, index);
+      EXPECT_EQ(field.sizes.size(), 1U) << shape;
+      for (const DISPID member :
+           {DISPID{DISPID_VALUE}, DISPID{DISPID_ZIRDB_RECORDSET_FIELDS}}) {
+        EXPECT_EQ(late_cost(late.get(), member,
+                            DISPATCH_METHOD | DISPATCH_PROPERTYGET, &index),
+                  field)
+            << shape << ", member " << member;
+      }
+    }
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Values
 // ---------------------------------------------------------------------------

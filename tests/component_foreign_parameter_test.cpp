@@ -4,7 +4,7 @@
 // in which order, and what becomes of it.
 //
 // Sections: a foreign parameter; what is copied; getters that fail; getters
-// that call back; late-bound.
+// that call back; late-bound; without type information.
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "component_stranger.h"
 #include "support/component.h"
 #include "support/component_workbench.h"
 #include "support/objects.h"
@@ -51,6 +52,8 @@ class ForeignParameter final : public IZIRDBParameter, public IDispatch {
   HRESULT results[5] = {};
   bool stores_nothing_on_failure = false;
   std::function<void(Getter)> on_get;
+  /// Runs when this is asked for its IID_IZIRDBParameter.
+  std::function<void()> on_query;
   /// Handed out in place of this for IID_IZIRDBParameter.
   IUnknown* instead = nullptr;
 
@@ -61,6 +64,7 @@ class ForeignParameter final : public IZIRDBParameter, public IDispatch {
   HRESULT QueryInterface(REFIID riid, void** object) override {
     ++queries;
     *object = nullptr;
+    if (riid == IID_IZIRDBParameter && on_query) on_query();
     if (riid == IID_IZIRDBParameter && instead != nullptr) {
       return instead->QueryInterface(riid, object);
     }
@@ -135,6 +139,13 @@ class ForeignParameter final : public IZIRDBParameter, public IDispatch {
     return E_UNEXPECTED;
   }
 };
+
+/// Fails inside of a call of this library.
+void fail_at_something_else() {
+  EXPECT_EQ(workbench::recordset({"column"}, {})->MoveLast(),
+            component::kNotBackwardCode);
+  EXPECT_EQ(workbench::last_error().code, component::kNotBackwardCode);
+}
 
 /// A list of one parameter.
 InterfacePtr<IZIRDBParameters> old_list() {
@@ -390,6 +401,29 @@ TEST(ForeignParameter, AFailureOfItsOwnCallsIsNotTheAppendsFailure) {
   EXPECT_EQ(count_of(list), 1);
 }
 
+TEST(ForeignParameter, WhatItsGettersLeaveBehindIsNoErrorOfTheAppend) {
+  for (const Getter getter : kGetters) {
+    SCOPED_TRACE(getter);
+    ForeignParameter foreign;
+    foreign.on_get = [&](Getter called) {
+      if (called == getter) fail_at_something_else();
+    };
+    EXPECT_EQ(workbench::parameters()->Append(&foreign), S_OK);
+    expect_no_error();
+  }
+}
+
+TEST(ForeignParameter, AFailureIsNotExplainedByWhatItsGettersLeftBehind) {
+  for (const Getter getter : kGetters) {
+    SCOPED_TRACE(getter);
+    ForeignParameter foreign;
+    foreign.on_get = [](Getter) { fail_at_something_else(); };
+    foreign.results[getter] = E_FAIL;
+    EXPECT_EQ(workbench::parameters()->Append(&foreign), E_FAIL);
+    expect_no_error();
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Late-bound
 // ---------------------------------------------------------------------------
@@ -447,6 +481,69 @@ TEST(ForeignParameterCall, MayLetTheWholeListGoWhileItIsRead) {
   }
 }
 
+TEST(ForeignParameterCall, AFailureIsNotExplainedByWhatItsGettersLeftBehind) {
+  for (const Getter getter : kGetters) {
+    SCOPED_TRACE(getter);
+    ForeignParameter foreign;
+    foreign.on_get = [](Getter) { fail_at_something_else(); };
+    foreign.results[getter] = E_FAIL;
+    const auto list = old_list();
+    expect_exception(component::method(dispatch_of(list.get()).get(), 2,
+                                       {static_cast<IDispatch*>(&foreign)}),
+                     E_FAIL, L"ZIRDB.Parameters", nullptr);
+    expect_no_error();
+  }
+}
+
+TEST(ForeignParameterCall, MayLetTheListsObjectGoWhileItIsAsked) {
+  auto list = old_list();
+  const auto second = workbench::same_parameters(list.get());
+  auto dispatch = dispatch_of(list.get());
+  list = {};
+  ForeignParameter foreign;
+  foreign.on_query = [&] { dispatch = {}; };
+  expect_refused(
+      component::method(dispatch.get(), 2, {static_cast<IDispatch*>(&foreign)}),
+      S_OK);
+  EXPECT_FALSE(dispatch);
+  ASSERT_EQ(count_of(second), 2);
+  EXPECT_EQ(name_of(item(second, 1).get()), L"foreign");
+  EXPECT_EQ(foreign.references, 1U);
+}
+
+TEST(ForeignParameterCall, MayLetTheWholeListGoWhileItIsAsked) {
+  for (const HRESULT answer : {S_OK, E_FAIL}) {
+    auto list = old_list();
+    auto dispatch = dispatch_of(list.get());
+    list = {};
+    ForeignParameter foreign;
+    foreign.results[kName] = answer;
+    foreign.on_query = [&] { dispatch = {}; };
+    EXPECT_EQ(component::method(dispatch.get(), 2,
+                                {static_cast<IDispatch*>(&foreign)})
+                  .result,
+              answer == S_OK ? S_OK : DISP_E_EXCEPTION);
+    EXPECT_FALSE(dispatch);
+    EXPECT_EQ(foreign.references, 1U);
+  }
+}
+
+TEST(ForeignParameterCall, ThatLetsTheListGoAndIsNoParameterIsRefused) {
+  objects::Unknown other;
+  auto list = old_list();
+  auto dispatch = dispatch_of(list.get());
+  list = {};
+  ForeignParameter foreign;
+  foreign.instead = &other;
+  foreign.on_query = [&] { dispatch = {}; };
+  expect_refused(
+      component::method(dispatch.get(), 2, {static_cast<IDispatch*>(&foreign)}),
+      DISP_E_TYPEMISMATCH);
+  EXPECT_FALSE(dispatch);
+  EXPECT_TRUE(foreign.log.empty());
+  EXPECT_EQ(foreign.references, 1U);
+}
+
 TEST(ForeignParameterCall, AsAPlainObjectIsRefused) {
   ForeignParameter foreign;
   const auto list = old_list();
@@ -457,6 +554,27 @@ TEST(ForeignParameterCall, AsAPlainObjectIsRefused) {
       DISP_E_TYPEMISMATCH);
   EXPECT_TRUE(foreign.log.empty());
   EXPECT_EQ(foreign.references, 1U);
+}
+
+// ---------------------------------------------------------------------------
+// Without type information
+//
+// UndefinedBehaviorSanitizer asks every object for its type: where that is at
+// work, these are not registered.
+// ---------------------------------------------------------------------------
+
+TEST(ForeignParameterWithoutTypeInformation, IsCopied) {
+  const auto list = old_list();
+  EXPECT_EQ(list->Append(stranger(S_OK).get()), S_OK);
+  ASSERT_EQ(count_of(list), 2);
+  EXPECT_EQ(record_of(item(list, 1).get()),
+            (Record{L"stranger", 20, 3, 40, describe(_variant_t(7))}));
+}
+
+TEST(ForeignParameterWithoutTypeInformation, ThatFailsIsNotAdded) {
+  const auto list = old_list();
+  EXPECT_EQ(list->Append(stranger(E_NOTIMPL).get()), E_NOTIMPL);
+  EXPECT_EQ(count_of(list), 1);
 }
 
 }  // namespace

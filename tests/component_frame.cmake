@@ -22,3 +22,21 @@ zirdb_discover(component_activation_test LABELS component)
 
 zirdb_test_program(component_threads_test SOURCES component_threads_test.cpp)
 zirdb_discover(component_threads_test LABELS component threads)
+
+# References in a circle, objects let go while they are asked.
+zirdb_workbench_program(component_careless_host_test
+                        SOURCES component_careless_host_test.cpp)
+zirdb_discover(component_careless_host_test LABELS component)
+
+# Loads the library by itself.
+add_executable(component_thread_keys_test component_thread_keys_test.cpp)
+target_include_directories(component_thread_keys_test
+                           PRIVATE "${PROJECT_SOURCE_DIR}/src")
+target_compile_definitions(component_thread_keys_test
+                           PRIVATE LIBRARY="$<TARGET_FILE:zirdb>")
+target_link_libraries(
+  component_thread_keys_test PRIVATE zirdb_warnings zirdb_instrumentation
+                                     ${CMAKE_DL_LIBS} GTest::gtest
+                                     GTest::gtest_main)
+add_dependencies(component_thread_keys_test zirdb)
+zirdb_discover(component_thread_keys_test LABELS component)

@@ -5,8 +5,21 @@ zirdb_workbench_program(
   component_parameters_test
   SOURCES component_parameter_test.cpp component_parameter_late_bound_test.cpp
           component_parameters_test.cpp component_parameters_late_bound_test.cpp
-          component_foreign_parameter_test.cpp)
-zirdb_discover(component_parameters_test LABELS component)
+          component_foreign_parameter_test.cpp component_stranger.cpp)
+set_source_files_properties(component_stranger.cpp PROPERTIES COMPILE_OPTIONS
+                                                              -fno-rtti)
+if(ZIRDB_SANITIZE)
+  # UndefinedBehaviorSanitizer asks every object for its type.
+  set(parameters_filter "-ForeignParameterWithoutTypeInformation.*")
+  set_property(
+    SOURCE component_stranger.cpp
+    APPEND
+    PROPERTY COMPILE_OPTIONS -fno-sanitize=vptr)
+else()
+  set(parameters_filter "*")
+endif()
+zirdb_discover(component_parameters_test LABELS component FILTER
+               ${parameters_filter})
 
 zirdb_workbench_program(
   component_translation_test

@@ -468,6 +468,27 @@ TEST(FromArray, AnArrayWithoutADimensionIsNone) {
   array.parray->cDims = 1;
 }
 
+/// As a host writes it by hand: bounds, and nothing within them.
+SAFEARRAY array_without_data(std::uint32_t count) {
+  SAFEARRAY array{};
+  array.cDims = 1;
+  array.cbElements = sizeof(VARIANT);
+  array.rgsabound[0] = {count, 5};
+  return array;
+}
+
+TEST(FromArray, AnArrayWithoutDataMakesNoParameters) {
+  for (const std::uint32_t count : {0U, 1U, 3U, 0xFFFFFFFFU}) {
+    SAFEARRAY array = array_without_data(count);
+    VARIANT value = plain(VT_ARRAY | VT_VARIANT, 0);
+    value.parray = &array;
+    const Built built = build(value);
+    EXPECT_EQ(built.result, S_OK);
+    EXPECT_EQ(count_of(built.list), 0) << count;
+    EXPECT_EQ(array.cLocks, 0U);
+  }
+}
+
 TEST(FromArray, ALockedArrayFailsAndStaysLocked) {
   const _variant_t array = script_array({5});
   void* data = nullptr;
@@ -569,6 +590,17 @@ TEST(WriteBackArray, ALockedArrayFailsUnchangedAndStaysLocked) {
   after_write_back(list_with({1, 2}), array, E_UNEXPECTED);
   EXPECT_EQ(SafeArrayUnaccessData(array.parray), S_OK);
   EXPECT_EQ(describe(array), describe(script_array({L"a", L"b"})));
+}
+
+TEST(WriteBackArray, AnArrayWithoutDataTakesNoValues) {
+  for (const std::uint32_t count : {0U, 1U, 3U, 0xFFFFFFFFU}) {
+    SAFEARRAY array = array_without_data(count);
+    const auto list = list_with({1, 2});
+    EXPECT_EQ(workbench::write_back_array(list.get(), &array), S_OK) << count;
+    EXPECT_EQ(array.pvData, nullptr);
+    EXPECT_EQ(array.cLocks, 0U);
+    EXPECT_EQ(values_of(list), described({1, 2}));
+  }
 }
 
 TEST(WriteBackArray, WithoutAnArrayOrADimensionFails) {
