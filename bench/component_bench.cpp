@@ -22,7 +22,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <variant>
@@ -734,9 +733,6 @@ class Reporter : public benchmark::BenchmarkReporter {
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.error_occurred) {
-        throw std::runtime_error(run.error_message);
-      }
       if (run.run_type != Run::RT_Iteration) continue;
       const std::string& name = run.run_name.function_name;
       const auto divided = bench_.items.find(name);
