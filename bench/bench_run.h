@@ -42,6 +42,23 @@ inline double median(std::vector<double> values) {
                                 : (values[middle - 1] + values[middle]) / 2;
 }
 
+/// Registers `pass`, which does something `count` times. Of a `quick` run only
+/// the answers matter.
+template <class Pass>
+void add_way(bool quick, const std::string& name, std::size_t count,
+             Pass pass) {
+  constexpr double kSeconds = 0.05;
+  auto run = [count, pass](benchmark::State& state) mutable {
+    while (
+        state.KeepRunningBatch(static_cast<benchmark::IterationCount>(count))) {
+      pass();
+      benchmark::ClobberMemory();
+    }
+  };
+  benchmark::RegisterBenchmark(name.c_str(), run)
+      ->MinTime(quick ? 1e-6 : kSeconds);
+}
+
 /// Passes the command line to the benchmark library, behind our own defaults.
 /// `quick` tells whether --quick was given. False, after a message, for an
 /// argument that nobody knows.

@@ -35,6 +35,7 @@
 
 namespace {
 
+using bench_run::add_way;
 using bench_run::hidden;
 using bench_run::median;
 using bench_run::require;
@@ -184,27 +185,11 @@ struct Bench {
   std::map<std::string, double> items{};
 };
 
-/// Registers `pass`, which does its work `count` times.
-template <class Pass>
-void add_way(const Bench& bench, const std::string& name, std::size_t count,
-             Pass pass) {
-  constexpr double kSeconds = 0.05;
-  auto run = [count, pass](benchmark::State& state) mutable {
-    while (
-        state.KeepRunningBatch(static_cast<benchmark::IterationCount>(count))) {
-      pass();
-      benchmark::ClobberMemory();
-    }
-  };
-  benchmark::RegisterBenchmark(name.c_str(), run)
-      ->MinTime(bench.quick ? 1e-6 : kSeconds);
-}
-
 /// Registers `act`, which is done over and over.
 template <class Act>
 void add_repeated(const Bench& bench, const std::string& name, Act act) {
   constexpr std::size_t kTimes = 1000;
-  add_way(bench, name, kTimes, [act]() mutable {
+  add_way(bench.quick, name, kTimes, [act]() mutable {
     for (std::size_t i = 0; i < kTimes; ++i) act();
   });
 }
@@ -470,7 +455,7 @@ void add_walk(const Bench& bench, const std::string& name, const Table& table,
     require(pass() == expected, name + ": what was read differs");
   };
   checked();
-  add_way(bench, name, table.count(), checked);
+  add_way(bench.quick, name, table.count(), checked);
 }
 
 std::vector<_variant_t> keys(std::size_t columns) {
@@ -628,7 +613,7 @@ void add_moves(Bench& bench) {
     const auto recordset = table.recordset();
     require(rows_walked(recordset.get()) == rows, "rows are missing");
     const std::string suffix = "/" + std::to_string(columns);
-    add_way(bench, "move_next" + suffix, rows, [recordset, rows] {
+    add_way(bench.quick, "move_next" + suffix, rows, [recordset, rows] {
       recordset->MoveFirst();
       HRESULT all = S_OK;
       for (std::size_t i = 0; i < rows; ++i) all |= recordset->MoveNext();
@@ -636,7 +621,7 @@ void add_moves(Bench& bench) {
     });
     const Ids ids(recordset.get());
     const auto late = late_bound(recordset.get());
-    add_way(bench, "move_next_late" + suffix, rows, [late, ids, rows] {
+    add_way(bench.quick, "move_next_late" + suffix, rows, [late, ids, rows] {
       invoke(late.get(), ids.move_first, DISPATCH_METHOD, nullptr);
       HRESULT all = S_OK;
       for (std::size_t i = 0; i < rows; ++i) {

@@ -38,6 +38,7 @@
 
 namespace {
 
+using bench_run::add_way;
 using bench_run::hidden;
 using bench_run::median;
 using bench_run::require;
@@ -359,27 +360,11 @@ struct Bench {
   std::vector<Case> cases{};
 };
 
-/// Registers `pass`, which does something with each of `count` items.
-template <class Pass>
-void add_way(const Bench& bench, const std::string& name, std::size_t count,
-             Pass pass) {
-  constexpr double kSeconds = 0.05;
-  auto run = [count, pass](benchmark::State& state) mutable {
-    while (
-        state.KeepRunningBatch(static_cast<benchmark::IterationCount>(count))) {
-      pass();
-      benchmark::ClobberMemory();
-    }
-  };
-  benchmark::RegisterBenchmark(name.c_str(), run)
-      ->MinTime(bench.quick ? 1e-6 : kSeconds);
-}
-
 template <class Library, class Yardstick>
 void add_case(Bench& bench, const Case& one, std::size_t count, Library library,
               Yardstick yardstick) {
-  add_way(bench, one.name + "/library", count, library);
-  add_way(bench, one.name + "/" + one.yardstick, count, yardstick);
+  add_way(bench.quick, one.name + "/library", count, library);
+  add_way(bench.quick, one.name + "/" + one.yardstick, count, yardstick);
   bench.cases.push_back(one);
 }
 
@@ -502,11 +487,11 @@ void add_converters(Bench& bench, const Corpus& corpus,
              sources.size(), pass(by(direction.library)),
              pass(by(direction.plain)));
     if (bench.utf8_locale) {
-      add_way(bench, name + "/glibc", sources.size(),
+      add_way(bench.quick, name + "/glibc", sources.size(),
               pass(by(direction.glibc)));
     }
     if (writes) {
-      add_way(bench, name + "/iconv", sources.size(),
+      add_way(bench.quick, name + "/iconv", sources.size(),
               pass([convert = direction.iconv](To* to, std::size_t size,
                                                const Text& text) {
                 return (*convert)(to, size, text);

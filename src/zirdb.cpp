@@ -811,8 +811,6 @@ class _dispparams_wrapper_t {
            m_target->rgdispidNamedArgs[0] == DISPID_PROPERTYPUT;
   }
 
-  DISPPARAMS* target() const { return m_target; }
-
   // An argument as it was passed.
   VARIANT* raw(int i) const {
     if (i < 0 || static_cast<UINT>(i) >= count()) {
@@ -1359,14 +1357,11 @@ class FieldObject final
   static constexpr const wchar_t* kSource = kFieldSource;
   static Members<FieldObject> members();
 
-  // `snapshot_row` points into the owner's rows; it may be NULL where there is
-  // no falling back on it.
+  // `snapshot_row` points into the owner's rows; NULL: there is no falling
+  // back.
   FieldObject(InterfacePtr<RecordsetObject> owner, std::size_t index,
-              const Cell* snapshot_row, bool allow_snapshot_fallback) noexcept
-      : owner_(std::move(owner)),
-        index_(index),
-        snapshot_row_(snapshot_row),
-        allow_snapshot_fallback_(allow_snapshot_fallback) {}
+              const Cell* snapshot_row) noexcept
+      : owner_(std::move(owner)), index_(index), snapshot_row_(snapshot_row) {}
   // Detached; `snapshot_row` points into `rows`.
   FieldObject(std::shared_ptr<const RowStore> rows, std::size_t index,
               const Cell* snapshot_row) noexcept
@@ -1380,7 +1375,6 @@ class FieldObject final
   std::shared_ptr<const RowStore> rows_;
   std::size_t index_;
   const Cell* snapshot_row_;
-  bool allow_snapshot_fallback_ = true;
 };
 
 // Walks the columns of a row. Keeps the rows, but no object alive.
@@ -2017,9 +2011,12 @@ HRESULT FieldsObject::item_of(RecordsetObject* owner, const Cell* snapshot_row,
   // Without an owner there are no columns to find.
   if (FAILED(result) || owner == nullptr) return result;
   const Cell* const live_row = owner->current_row();
-  *field = make<FieldObject>(
-      InterfacePtr<RecordsetObject>::share(owner), position,
-      live_row != nullptr ? live_row : snapshot_row, snapshot_row != nullptr);
+  // Deliberate: without a row of the collection's own there is no falling back,
+  // not even on the row that is current now.
+  const Cell* const fallback_row =
+      live_row != nullptr && snapshot_row != nullptr ? live_row : snapshot_row;
+  *field = make<FieldObject>(InterfacePtr<RecordsetObject>::share(owner),
+                             position, fallback_row);
   return S_OK;
 }
 
@@ -2079,7 +2076,7 @@ HRESULT FieldObject::get_Value(VARIANT* value) {
     }
     VariantInit(value);
     if (!owner_ ||
-        (owner_->current_row() == nullptr && allow_snapshot_fallback_)) {
+        (owner_->current_row() == nullptr && snapshot_row_ != nullptr)) {
       return copy_cell(snapshot_row_[index_], value);
     }
     return owner_->copy_current_value(index_, value);

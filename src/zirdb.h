@@ -182,8 +182,8 @@ struct IZIRDBFields : IUnknown {
   /// The number of columns; 0 after the connection closed the recordset.
   virtual HRESULT get_Count(long* count) = 0;
   /// A new field, by name (the first match, ignoring case) or by position from
-  /// 0. 0x800A0CC1 when there is none, 0x800A0E78 when the
-  /// recordset was closed, 0x80004005 when its connection closed it.
+  /// 0. 0x800A0CC1 when there is none, 0x800A0E78 when the recordset was
+  /// closed, 0x80004005 when its connection closed it.
   virtual HRESULT Item(VARIANT index, IZIRDBField** field) = 0;
 
  protected:

@@ -299,20 +299,6 @@ TEST(Costs, EndlessSpellingsAreNotAllKept) {
   EXPECT_LE(g_watched.live - live, kSpellings / 2);
 }
 
-TEST(Costs, ACellReadByOneCallCostsNoMoreThanByTwo) {
-  for (const Shape& shape : kShapes) {
-    const auto rows = recordset(shape);
-    const _variant_t index(shape.columns - 1);
-    const std::size_t both = cost_of_fields(rows).sizes.size() +
-                             cost_of_item(fields_of(rows), index).sizes.size();
-    EXPECT_LE(late_cost(dispatch_of(rows.get()).get(), DISPID_VALUE,
-                        DISPATCH_METHOD | DISPATCH_PROPERTYGET, &index)
-                  .sizes.size(),
-              both)
-        << shape;
-  }
-}
-
 // Nobody would see the collection in between: it is not made.
 TEST(Costs, ACellReadByOneCallIsOneBlock) {
   for (const Shape& shape : kShapes) {

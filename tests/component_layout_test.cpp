@@ -19,6 +19,7 @@
 #include "support/component.h"
 #include "support/component_host.h"
 #include "support/identifiers.h"
+#include "support/slots.h"
 #include "support/values.h"
 #include "zir.h"
 #include "zirdb.h"
@@ -27,9 +28,11 @@ namespace {
 
 using component::dispatch_of;
 using component::fields_of;
-using component::slot;
 using component::standalone_recordset;
 using identifiers::Identifier;
+using slots::kFirst;
+using slots::Numbered;
+using slots::slot;
 
 // ---------------------------------------------------------------------------
 // Identifiers
@@ -155,19 +158,6 @@ TEST(ComponentNumbers, MembersHaveTheirPublishedIds) {
 // without the compiler's knowledge of the interface.
 // ---------------------------------------------------------------------------
 
-constexpr HRESULT kFirst = 100;
-
-/// The three operations of IUnknown on top of any interface.
-template <class Interface>
-struct Numbered : Interface {
-  HRESULT QueryInterface(REFIID, void**) override { return kFirst; }
-  zir_types::ULONG AddRef() override { return kFirst + 1; }
-  zir_types::ULONG Release() override { return kFirst + 2; }
-
- protected:
-  ~Numbered() = default;
-};
-
 struct NumberedConnection final : Numbered<IZIRDBConnection> {
   HRESULT get_ConnectionString(BSTR*) override { return kFirst + 3; }
   HRESULT put_ConnectionString(BSTR) override { return kFirst + 4; }
@@ -240,15 +230,9 @@ struct NumberedParameter final : Numbered<IZIRDBParameter> {
 
 template <class Implementation>
 void expect_slots_in_order(const char* name, int count) {
-  using Enough =
-      HRESULT (*)(void* object, std::uint64_t, std::uint64_t, std::uint64_t,
-                  std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t);
+  SCOPED_TRACE(name);
   Implementation object;
-  for (int number = 0; number < count; ++number) {
-    const auto operation =
-        slot<Enough>(&object, static_cast<std::size_t>(number));
-    EXPECT_EQ(operation(&object, 0, 0, 0, 0, 0, 0, 0), kFirst + number) << name;
-  }
+  slots::expect_in_order(&object, count);
 }
 
 TEST(ComponentInterfaces, EverySlotReachesTheOperationOfItsNumber) {

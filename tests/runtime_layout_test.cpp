@@ -15,11 +15,15 @@
 #include <vector>
 
 #include "support/identifiers.h"
+#include "support/slots.h"
 #include "zir.h"
 
 namespace {
 
 using identifiers::Identifier;
+using slots::kFirst;
+using slots::Numbered;
+using slots::slot;
 
 // ---------------------------------------------------------------------------
 // Types
@@ -269,23 +273,10 @@ TEST(RuntimeIdentifiers, EqualityTakesAll16Bytes) {
 // knowledge of the interface.
 // ---------------------------------------------------------------------------
 
-constexpr HRESULT kFirst = 100;
-
 struct Unknown final : IUnknown {
   HRESULT QueryInterface(REFIID, void**) override { return kFirst; }
   zir_types::ULONG AddRef() override { return kFirst + 1; }
   zir_types::ULONG Release() override { return kFirst + 2; }
-};
-
-/// The three operations of IUnknown on top of any interface.
-template <class Interface>
-struct Numbered : Interface {
-  HRESULT QueryInterface(REFIID, void**) override { return kFirst; }
-  zir_types::ULONG AddRef() override { return kFirst + 1; }
-  zir_types::ULONG Release() override { return kFirst + 2; }
-
- protected:
-  ~Numbered() = default;
 };
 
 struct Dispatch final : Numbered<IDispatch> {
@@ -345,32 +336,6 @@ struct GetContextProperties final : Numbered<IGetContextProperties> {
   HRESULT EnumNames(IEnumContextProps**) override { return kFirst + 5; }
 };
 
-/// A slot, called with what is enough for every operation.
-using Slot = HRESULT (*)(void* object, std::uint64_t, std::uint64_t,
-                         std::uint64_t, std::uint64_t, std::uint64_t,
-                         std::uint64_t, std::uint64_t, std::uint64_t);
-
-template <class Interface>
-Slot slot_of(Interface* object, std::size_t slot) {
-  const void* const* table = nullptr;
-  std::memcpy(&table, static_cast<void*>(object), sizeof table);
-  Slot function = nullptr;
-  std::memcpy(&function, table + slot, sizeof function);
-  return function;
-}
-
-template <class Interface>
-HRESULT call(Interface* object, std::size_t slot) {
-  return slot_of(object, slot)(object, 0, 0, 0, 0, 0, 0, 0, 0);
-}
-
-template <class Interface>
-void expect_slots_in_order(Interface* object, int count) {
-  for (int slot = 0; slot < count; ++slot) {
-    EXPECT_EQ(call(object, static_cast<std::size_t>(slot)), kFirst + slot);
-  }
-}
-
 TEST(RuntimeVtables, EverySlotReachesTheOperationOfItsNumber) {
   Unknown unknown;
   Dispatch dispatch;
@@ -379,13 +344,13 @@ TEST(RuntimeVtables, EverySlotReachesTheOperationOfItsNumber) {
   ErrorInfo error;
   ContextProperties context;
   GetContextProperties reading;
-  expect_slots_in_order<IUnknown>(&unknown, 3);
-  expect_slots_in_order<IDispatch>(&dispatch, 7);
-  expect_slots_in_order<IClassFactory>(&factory, 5);
-  expect_slots_in_order<IEnumVARIANT>(&enumerator, 7);
-  expect_slots_in_order<IErrorInfo>(&error, 8);
-  expect_slots_in_order<IContextProperties>(&context, 8);
-  expect_slots_in_order<IGetContextProperties>(&reading, 6);
+  slots::expect_in_order<IUnknown>(&unknown, 3);
+  slots::expect_in_order<IDispatch>(&dispatch, 7);
+  slots::expect_in_order<IClassFactory>(&factory, 5);
+  slots::expect_in_order<IEnumVARIANT>(&enumerator, 7);
+  slots::expect_in_order<IErrorInfo>(&error, 8);
+  slots::expect_in_order<IContextProperties>(&context, 8);
+  slots::expect_in_order<IGetContextProperties>(&reading, 6);
 }
 
 TEST(RuntimeVtables, InterfacesHaveNoVirtualDestructor) {
@@ -410,8 +375,11 @@ TEST(RuntimeLayout, AVariantByValueTravelsInTwoRegisters) {
   std::memcpy(&name_bits, &name_pointer, sizeof name_bits);
   IContextProperties* const object = &context;
   constexpr std::uint64_t kTagAndWords = 0x3333222211110014;
-  const HRESULT result = slot_of(object, 6)(object, name_bits, kTagAndWords,
-                                            0x0123456789ABCDEF, 0, 0, 0, 0, 0);
+  using SetProperty =
+      HRESULT (*)(void* object, std::uint64_t name, std::uint64_t tag_and_words,
+                  std::uint64_t payload);
+  const HRESULT result = slot<SetProperty>(object, 6)(
+      object, name_bits, kTagAndWords, 0x0123456789ABCDEF);
   EXPECT_EQ(result, kFirst + 6);
   EXPECT_EQ(context.received_name, name);
   EXPECT_EQ(context.received_value.vt, VT_I8);

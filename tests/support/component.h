@@ -9,10 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <initializer_list>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
 // For tests of the component's frame: what a host does at the library's door.
-// Factories, standalone recordsets and their fields, operations called by the
-// number of their vtable slot. What cannot be had fails the test that asked.
+// Factories, standalone recordsets and their fields. What cannot be had fails
+// the test that asked.
 
 #ifndef ZIRDB_TESTS_SUPPORT_COMPONENT_HOST_H
 #define ZIRDB_TESTS_SUPPORT_COMPONENT_HOST_H
 
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -86,17 +84,6 @@ class Out {
 inline std::uint32_t references_of(IUnknown* object) {
   object->AddRef();
   return object->Release();
-}
-
-/// The operation in a slot of the vtable that `object` points at first, without
-/// the compiler's knowledge of the interface.
-template <class Function>
-Function slot(void* object, std::size_t number) {
-  const void* const* table = nullptr;
-  std::memcpy(&table, object, sizeof table);
-  Function function = nullptr;
-  std::memcpy(&function, table + number, sizeof function);
-  return function;
 }
 
 }  // namespace component
