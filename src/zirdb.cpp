@@ -3,8 +3,8 @@
 // zirdb: the database automation component.
 //
 // Sections: identifiers; errors; text and values; rows; the dispatch frame; the
-// classes; marshalling; parameters; fields; recordset; the class factory; entry
-// points.
+// classes; marshalling; parameters; fields; recordset; connection; command; the
+// class factory; entry points.
 //
 // What a reader needs to know:
 //  - What an interface offers runs inside `guarded` (a late-bound call inside
@@ -111,6 +111,7 @@ std::atomic<std::uint32_t> g_lock_count{0};
 // ---------------------------------------------------------------------------
 
 // The classes' names as error sources.
+constexpr const wchar_t* kConnectionSource = L"ZIRDB.Connection";
 constexpr const wchar_t* kCommandSource = L"ZIRDB.Command";
 constexpr const wchar_t* kRecordsetSource = L"ZIRDB.Recordset";
 constexpr const wchar_t* kFieldsSource = L"ZIRDB.Fields";
@@ -150,6 +151,50 @@ constexpr Failure kBadArguments = {
     zir_hresult(0x800A0BB9),
     L"Arguments are of the wrong type, are out of acceptable range, or are in "
     L"conflict with one another."};
+
+constexpr Failure kAlreadyOpen = {zir_hresult(0x80040711),
+                                  L"Connection is already open"};
+constexpr Failure kConnectionStringRequired = {E_INVALIDARG,
+                                               L"ConnectionString is required"};
+constexpr Failure kNoCommandText = {
+    zir_hresult(0x80040E0C),
+    L"Command text was not set for the command object."};
+constexpr Failure kErrorsOccurred = {
+    zir_hresult(0x80040E21),
+    L"Multiple-step OLE DB operation generated errors. Check each OLE DB "
+    L"status value, if available. No work was done."};
+constexpr Failure kNoConnection = {
+    zir_hresult(0x800A0E7D),
+    L"The connection cannot be used to perform this operation. It is either "
+    L"closed or invalid in this context."};
+constexpr Failure kTooManyArguments = {
+    zir_hresult(0x80040E14),
+    L"Too many arguments were specified for the stored procedure."};
+constexpr Failure kOutputInText = {zir_hresult(0x80040E14),
+                                   L"Incorrect syntax near 'OUTPUT'."};
+constexpr Failure kParameterDefinition = {
+    zir_hresult(0x800A0E7C),
+    L"Parameter object is improperly defined. Inconsistent or incomplete "
+    L"information was provided."};
+constexpr Failure kParameterLayout = {
+    E_NOTIMPL,
+    L"Stored procedure execution is not supported for this parameter layout."};
+constexpr Failure kForeignConnection = {
+    E_NOTIMPL, L"Parameterized execute requires ZIRDB.Connection."};
+
+// The codes of what the ODBC layer reports in its own words.
+constexpr HRESULT kOpenFailed = zir_hresult(0x80040710);
+constexpr HRESULT kExecuteFailed = zir_hresult(0x80040712);
+
+// Texts for the codes that a translation of values fails with.
+constexpr const wchar_t* kValueText =
+    L"Parameter value is not compatible with parameter type.";
+constexpr const wchar_t* kResultText =
+    L"Parameter result is not compatible with ZIRDB.Parameter.Value.";
+constexpr const wchar_t* kArrayText =
+    L"Parameter array is not compatible with command execution.";
+constexpr const wchar_t* kArrayResultText =
+    L"Parameter array cannot receive post-execute values.";
 
 // The last error of a thread.
 struct DbErrorState {
@@ -843,6 +888,14 @@ class _dispparams_wrapper_t {
   }
   // NULL for a reference that leads nowhere.
   explicit operator VARIANT*() const { return m_pv; }
+  // Whatever can be made a text of. Throws std::bad_alloc too.
+  explicit operator _bstr_t() const {
+    _bstr_t text;
+    const HRESULT result = variant_to_bstr_value(m_pv, &text);
+    if (result == E_OUTOFMEMORY) throw std::bad_alloc();
+    check(SUCCEEDED(result));
+    return text;
+  }
 
  private:
   static void check(bool readable) {
@@ -894,12 +947,15 @@ struct Call {
     *result = value;
     return S_OK;
   }
-  template <class Object>
-  HRESULT give(InterfacePtr<Object> object) const {
+  HRESULT give(IDispatch* object) const {
     VariantInit(result);
     result->vt = VT_DISPATCH;
-    result->pdispVal = object.detach();
+    result->pdispVal = object;
     return S_OK;
+  }
+  template <class Object>
+  HRESULT give(InterfacePtr<Object> object) const {
+    return give(static_cast<IDispatch*>(object.detach()));
   }
 };
 
@@ -996,6 +1052,13 @@ struct Get<kOperation> {
   }
 };
 
+// The value that an argument stands for. A reference that leads nowhere is a
+// value like any other.
+VARIANT stored_value(_dispparams_wrapper_t& arguments, int i) {
+  const auto* const value = static_cast<VARIANT*>(arguments(i));
+  return value != nullptr ? *value : *arguments.raw(i);
+}
+
 template <auto kOperation>
 struct Put;
 template <class Object, class Value, HRESULT (Object::*kOperation)(Value)>
@@ -1007,9 +1070,7 @@ struct Put<kOperation> {
  private:
   static Value value_of(_dispparams_wrapper_t& arguments) {
     if constexpr (std::is_same_v<Value, VARIANT>) {
-      // A reference that leads nowhere is a value like any other.
-      const auto* const value = static_cast<VARIANT*>(arguments(0));
-      return value != nullptr ? *value : *arguments.raw(0);
+      return stored_value(arguments, 0);
     } else if constexpr (std::is_same_v<Value, long>) {
       return static_cast<long>(static_cast<long long>(arguments(0)));
     } else {
@@ -1239,6 +1300,7 @@ class ParametersObject final
   std::shared_ptr<DbParameterList> parameters_;
 };
 
+class ConnectionObject;
 class FieldObject;
 class FieldsEnumerator;
 class FieldsObject;
@@ -1258,6 +1320,7 @@ class RecordsetObject final
   // beginning, and nothing that it reports is set.
   struct WithoutColumns {};
   explicit RecordsetObject(WithoutColumns tag) noexcept;
+  ~RecordsetObject() override;
 
   HRESULT get_Fields(IZIRDBFields** fields) override;
   HRESULT get_State(long* state) override;
@@ -1288,6 +1351,8 @@ class RecordsetObject final
   void on_connection_closed();
 
  private:
+  friend class ConnectionObject;  // for the list of its recordsets
+
   static HRESULT invoke_fields(RecordsetObject& self, Call& call);
   static HRESULT invoke_for_each(RecordsetObject& self, Call& call);
 
@@ -1312,6 +1377,11 @@ class RecordsetObject final
   bool allow_fields_on_closed_ = false;
   RowStore::Position position_;          // of current_row_
   const Cell* current_cells_ = nullptr;  // of current_row_
+  // The connection that lists this, and the neighbours in its list. A recordset
+  // that was closed stays listed while it is alive.
+  ConnectionObject* connection_owner_ = nullptr;
+  RecordsetObject* previous_ = nullptr;
+  RecordsetObject* next_ = nullptr;
 };
 
 // The columns of a recordset, whose current row is read while there is one.
@@ -1409,6 +1479,110 @@ class FieldsEnumerator final : public IEnumVARIANT {
   std::shared_ptr<const RowStore> rows_;
   const Cell* snapshot_row_;
   std::size_t index_;
+};
+
+struct CloseOdbcConnection {
+  void operator()(void* handle) const { zirdb_odbc_close(handle); }
+};
+
+// An ODBC connection. Knows its recordsets, without keeping them alive.
+class ConnectionObject final
+    : public AutomationObject<ConnectionObject, IZIRDBConnection,
+                              IID_IZIRDBConnection> {
+ public:
+  static constexpr const wchar_t* kSource = kConnectionSource;
+  static Members<ConnectionObject> members();
+
+  ConnectionObject() noexcept = default;
+  ~ConnectionObject() override;
+
+  HRESULT get_ConnectionString(BSTR* connection_string) override;
+  HRESULT put_ConnectionString(BSTR connection_string) override;
+  HRESULT get_State(long* state) override;
+  HRESULT Open(BSTR connection_string, BSTR user, BSTR password,
+               long options) override;
+  HRESULT Close() override;
+  HRESULT Execute(BSTR text, VARIANT* rows_affected, long options,
+                  IZIRDBRecordset** recordset) override;
+
+  // The one way in which statements run, a boundary like the operations above.
+  // `parameters` may be NULL or empty; afterwards they hold what came back.
+  // `recordset` stays empty when the statement has no columns.
+  HRESULT ExecuteInternal(const wchar_t* text, VARIANT* rows_affected,
+                          std::vector<ZirdbOdbcParameter>* parameters,
+                          InterfacePtr<RecordsetObject>* recordset);
+
+  // Called by a recordset that goes.
+  void unregister_recordset(RecordsetObject& recordset) noexcept;
+
+ private:
+  static HRESULT invoke_open(ConnectionObject& self, Call& call);
+  static HRESULT invoke_execute(ConnectionObject& self, Call& call);
+  static HRESULT invoke_value(ConnectionObject& self, Call& call);
+
+  HRESULT open(BSTR connection_string, BSTR user, BSTR password);
+  HRESULT ExecuteWithParameters(const wchar_t* text,
+                                const DbParameterList& parameters,
+                                InterfacePtr<RecordsetObject>* recordset);
+  void register_recordset(RecordsetObject& recordset) noexcept;
+  void invalidate_recordsets() noexcept;
+  void close_handle() noexcept;
+
+  std::wstring connection_string_;
+  std::unique_ptr<void, CloseOdbcConnection> handle_;
+  bool open_ = false;
+  // Linked through the recordsets themselves: listing one asks for no memory,
+  // and taking one out costs the same however many there are.
+  RecordsetObject* active_recordsets_ = nullptr;
+};
+
+// A statement or procedure call, its parameters and its connection.
+class CommandObject final
+    : public AutomationObject<CommandObject, IZIRDBCommand, IID_IZIRDBCommand> {
+ public:
+  static constexpr const wchar_t* kSource = kCommandSource;
+  static Members<CommandObject> members();
+
+  explicit CommandObject(std::shared_ptr<DbParameterList> parameters) noexcept
+      : parameters_(std::move(parameters)) {}
+
+  HRESULT get_ActiveConnection(IDispatch** connection) override;
+  HRESULT putref_ActiveConnection(IDispatch* connection) override;
+  HRESULT get_CommandText(BSTR* text) override;
+  HRESULT put_CommandText(BSTR text) override;
+  HRESULT get_CommandType(long* type) override;
+  HRESULT put_CommandType(long type) override;
+  HRESULT CreateParameter(BSTR name, long type, long direction, long size,
+                          VARIANT value, IZIRDBParameter** parameter) override;
+  HRESULT get_Parameters(IZIRDBParameters** parameters) override;
+  HRESULT Execute(VARIANT* rows_affected, long options,
+                  IZIRDBRecordset** recordset) override;
+
+ private:
+  static HRESULT invoke_put_active_connection(CommandObject& self, Call& call);
+  static HRESULT invoke_create_parameter(CommandObject& self, Call& call);
+  static HRESULT invoke_get_parameters(CommandObject& self, Call& call);
+  static HRESULT invoke_execute(CommandObject& self, Call& call);
+
+  void set_connection(InterfacePtr<IZIRDBConnection> connection,
+                      InterfacePtr<IDispatch> dispatch);
+  // `array` is the script's array that the parameters were made from, if any.
+  HRESULT ExecuteWithParameters(VARIANT* rows_affected, long options,
+                                const DbParameterList& parameters,
+                                SAFEARRAY* array,
+                                InterfacePtr<IZIRDBRecordset>* recordset);
+  HRESULT create_parameter(BSTR name, long type, long direction, long size,
+                           const VARIANT& value,
+                           InterfacePtr<ParameterObject>* parameter);
+  HRESULT ExecuteDispatchParameterArray(
+      VARIANT* rows_affected, long options, const VARIANT* array,
+      InterfacePtr<IZIRDBRecordset>* recordset);
+
+  InterfacePtr<IZIRDBConnection> active_connection_;
+  InterfacePtr<IDispatch> active_connection_dispatch_;  // of the same object
+  std::wstring command_text_;
+  std::int64_t command_type_ = ZIRDB_AD_CMD_UNKNOWN;
+  std::shared_ptr<DbParameterList> parameters_;
 };
 
 // ---------------------------------------------------------------------------
@@ -1532,13 +1706,13 @@ HRESULT odbc_value(const VARIANT& value, std::int64_t type,
   }
 }
 
-// The four functions that a command's execution calls. They fail by code alone,
-// a lack of memory included; their callers record the text.
+// The four functions that an execution calls. They fail by code alone, a lack
+// of memory included; their callers record the text.
 
 // What the ODBC layer is to send for a parameter. On failure `odbc` is partly
 // filled; the code is that of the conversion.
-[[maybe_unused]] HRESULT db_parameter_to_odbc_parameter(
-    const DbParameter& parameter, ZirdbOdbcParameter* odbc) {
+HRESULT db_parameter_to_odbc_parameter(const DbParameter& parameter,
+                                       ZirdbOdbcParameter* odbc) {
   return without_bad_alloc([&] {
     *odbc = {parameter.type, parameter.direction, parameter.size, {}};
     const VARIANT* const given = unwrapped<const VARIANT>(&parameter.value);
@@ -1591,7 +1765,7 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
 // come back in the type in which they were sent. `parameters` are those that
 // were sent; an empty slot among them is passed over. Stops at the first that
 // cannot be converted; those before it keep their new values.
-[[maybe_unused]] HRESULT write_back_parameter_values(
+HRESULT write_back_parameter_values(
     const DbParameterList& parameters,
     const std::vector<ZirdbOdbcParameter>& odbc) {
   return without_bad_alloc([&] {
@@ -1608,19 +1782,21 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
   });
 }
 
+// A direction in which nothing is sent.
+bool is_output(std::int64_t direction) {
+  return direction == ZIRDB_AD_PARAM_OUTPUT ||
+         direction == ZIRDB_AD_PARAM_RETURN_VALUE;
+}
+
 // What stands in for the write-back where no values are taken: outputs are
 // Empty then, and everything else stays.
-[[maybe_unused]] void clear_output_parameters(
-    const DbParameterList& parameters) {
+void clear_output_parameters(const DbParameterList& parameters) {
   // By position: a value that is let go may add parameters.
   const std::size_t count = parameters.size();
   for (std::size_t i = 0; i < count; ++i) {
     DbParameter* const parameter = parameters[i].get();
     if (parameter == nullptr) continue;
-    if (parameter->direction != ZIRDB_AD_PARAM_OUTPUT &&
-        parameter->direction != ZIRDB_AD_PARAM_RETURN_VALUE) {
-      continue;
-    }
+    if (!is_output(parameter->direction)) continue;
     _variant_t empty;
     replace(parameter->value, empty);
   }
@@ -1628,8 +1804,8 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
 
 // Gives the elements of a script's array the values of the parameters that were
 // made from them.
-[[maybe_unused]] HRESULT write_back_parameter_array(
-    SAFEARRAY* array, const DbParameterList& parameters) {
+HRESULT write_back_parameter_array(SAFEARRAY* array,
+                                   const DbParameterList& parameters) {
   const FirstDimension<VARIANT> elements(array);
   if (FAILED(elements.result())) return elements.result();
   const std::size_t count = std::min(elements.size(), parameters.size());
@@ -1643,8 +1819,11 @@ HRESULT odbc_parameter_to_variant(const ZirdbOdbcParameter& odbc,
   return S_OK;
 }
 
-// Describes the parameter that an element of a script's array stands for.
-HRESULT describe_element(const VARIANT* element, DbParameter* parameter) {
+// Describes the parameter that a script's value stands for: one of an array or
+// of a list of arguments, at `index`.
+HRESULT describe_element(const VARIANT* element, std::size_t index,
+                         DbParameter* parameter) {
+  parameter->name = L"p" + std::to_wstring(index + 1);
   parameter->direction = ZIRDB_AD_PARAM_INPUT;
   element = unwrapped(element);
   if (element == nullptr || element->vt == VT_EMPTY) {
@@ -1666,23 +1845,28 @@ HRESULT describe_element(const VARIANT* element, DbParameter* parameter) {
   return copy_variant(*element, &parameter->value);
 }
 
+// The array of variants, with one dimension, that a value is; NULL for others.
+SAFEARRAY* array_of_values(const VARIANT* value) {
+  value = unwrapped(value);
+  const bool is_one = value != nullptr && value->vt == kVariantArray &&
+                      value->parray != nullptr && value->parray->cDims == 1;
+  return is_one ? value->parray : nullptr;
+}
+
 // A parameter for each element of an array of variants with one dimension,
 // added to `parameters`. DISP_E_TYPEMISMATCH for anything else. Those made
 // before a failure stay in the list.
-[[maybe_unused]] HRESULT build_dispatch_execute_parameters(
-    const VARIANT* value, DbParameterList* parameters) {
-  value = unwrapped(value);
-  if (value == nullptr || value->vt != kVariantArray ||
-      value->parray == nullptr || value->parray->cDims != 1) {
-    return DISP_E_TYPEMISMATCH;
-  }
-  const FirstDimension<VARIANT> elements(value->parray);
+HRESULT build_dispatch_execute_parameters(const VARIANT* value,
+                                          DbParameterList* parameters) {
+  SAFEARRAY* const array = array_of_values(value);
+  if (array == nullptr) return DISP_E_TYPEMISMATCH;
+  const FirstDimension<VARIANT> elements(array);
   if (FAILED(elements.result())) return elements.result();
   return without_bad_alloc([&] {
     for (std::size_t i = 0; i < elements.size(); ++i) {
       auto parameter = std::make_shared<DbParameter>();
-      parameter->name = L"p" + std::to_wstring(i + 1);
-      const HRESULT described = describe_element(&elements[i], parameter.get());
+      const HRESULT described =
+          describe_element(&elements[i], i, parameter.get());
       if (FAILED(described)) return described;
       parameters->push_back(std::move(parameter));
     }
@@ -2185,9 +2369,14 @@ RecordsetObject::RecordsetObject(std::shared_ptr<const RowStore> rows) noexcept
   enter_row({});
 }
 
-[[maybe_unused]] RecordsetObject::RecordsetObject(
-    WithoutColumns /*tag*/) noexcept
+RecordsetObject::RecordsetObject(WithoutColumns /*tag*/) noexcept
     : open_(false), bof_(false), eof_(false), allow_fields_on_closed_(true) {}
+
+RecordsetObject::~RecordsetObject() {
+  if (connection_owner_ != nullptr) {
+    connection_owner_->unregister_recordset(*this);
+  }
+}
 
 void RecordsetObject::enter_row(RowStore::Position position) {
   position_ = position;
@@ -2343,9 +2532,10 @@ HRESULT RecordsetObject::copy_current_value(std::size_t index,
   return copy_cell(row[index], out);
 }
 
-[[maybe_unused]] void RecordsetObject::on_connection_closed() {
+void RecordsetObject::on_connection_closed() {
   open_ = false;
   closed_by_connection_ = true;
+  connection_owner_ = nullptr;
 }
 
 // Deliberate: a recordset that has no fields to give says so before anything
@@ -2416,6 +2606,830 @@ HRESULT RecordsetObject::invoke_for_each(RecordsetObject& self, Call& call) {
 }
 
 // ---------------------------------------------------------------------------
+// Connection
+// ---------------------------------------------------------------------------
+
+// Calls with arguments of their own check the rest of their shape themselves.
+constexpr Shape kOpen = {0, 4, DISPATCH_METHOD, false, DISP_E_MEMBERNOTFOUND};
+constexpr Shape kExecute = {1, 3, 0, true, E_INVALIDARG};
+constexpr Shape kExecuteWithValues = {1, std::numeric_limits<UINT>::max(), 0,
+                                      true, E_INVALIDARG};
+
+Members<ConnectionObject> ConnectionObject::members() {
+  using Self = ConnectionObject;
+  static constexpr Member<Self> kMembers[] = {
+      {L"ConnectionString", DISPID_ZIRDB_CONNECTION_CONNECTIONSTRING, kGet,
+       Get<&Self::get_ConnectionString>::answer,
+       Put<&Self::put_ConnectionString>::answer},
+      {L"State", DISPID_ZIRDB_CONNECTION_STATE, kGet,
+       Get<&Self::get_State>::answer},
+      {L"Open", DISPID_ZIRDB_CONNECTION_OPEN, kOpen, invoke_open},
+      {L"Close", DISPID_ZIRDB_CONNECTION_CLOSE, kMethod,
+       Do<&Self::Close>::answer},
+      {L"Execute", DISPID_ZIRDB_CONNECTION_EXECUTE, kAnyShape, invoke_execute},
+      {nullptr, DISPID_VALUE, kAnyShape, invoke_value},
+  };
+  return members_of(kMembers);
+}
+
+ConnectionObject::~ConnectionObject() {
+  invalidate_recordsets();
+  close_handle();
+}
+
+HRESULT ConnectionObject::get_ConnectionString(BSTR* connection_string) {
+  return guarded([&] {
+    if (connection_string == nullptr) return E_INVALIDARG;
+    *connection_string = nullptr;
+    *connection_string = bstr_from_wstring(connection_string_);
+    return S_OK;
+  });
+}
+
+HRESULT ConnectionObject::put_ConnectionString(BSTR connection_string) {
+  return guarded([&] {
+    if (open_) return fail(kAlreadyOpen, kConnectionSource);
+    connection_string_ = wstring_from_bstr(connection_string);
+    return S_OK;
+  });
+}
+
+HRESULT ConnectionObject::get_State(long* state) {
+  return guarded([&] {
+    if (state == nullptr) return E_INVALIDARG;
+    *state = open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED;
+    return S_OK;
+  });
+}
+
+// Deliberate: nothing is quoted, so that a caller who needs quoting can do it
+// as the driver wants it.
+void append_key_value(std::string& connection_string, const char* key,
+                      const std::string& value) {
+  if (value.empty()) return;
+  if (!connection_string.empty() && connection_string.back() != ';') {
+    connection_string += ';';
+  }
+  connection_string.append(key).append("=").append(value).append(";");
+}
+
+// What the ODBC layer says went wrong.
+HRESULT fail_with_odbc_text(HRESULT code, const std::string& error) {
+  return set_db_error(code, kConnectionSource, utf32_from_utf8(error).c_str());
+}
+
+HRESULT ConnectionObject::Open(BSTR connection_string, BSTR user, BSTR password,
+                               long /*options*/) {
+  return guarded([&] { return open(connection_string, user, password); });
+}
+
+HRESULT ConnectionObject::open(BSTR connection_string, BSTR user,
+                               BSTR password) {
+  if (open_) return fail(kAlreadyOpen, kConnectionSource);
+  std::wstring given = wstring_from_bstr(connection_string);
+  if (given.empty()) given = connection_string_;
+  if (given.empty()) return fail(kConnectionStringRequired, kConnectionSource);
+  std::string used = utf8_from_bstr(given.c_str());
+  append_key_value(used, "UID", utf8_from_bstr(user));
+  append_key_value(used, "PWD", utf8_from_bstr(password));
+  std::wstring shown = utf32_from_utf8(used);
+  void* handle = nullptr;
+  std::string error;
+  if (!zirdb_odbc_open(used, &handle, &error)) {
+    return fail_with_odbc_text(kOpenFailed, error);
+  }
+  handle_.reset(handle);
+  // Deliberate: user and password can be read here, and a later Open without a
+  // string uses them.
+  connection_string_ = std::move(shown);
+  open_ = true;
+  return S_OK;
+}
+
+HRESULT ConnectionObject::Close() {
+  return guarded([&] {
+    invalidate_recordsets();
+    close_handle();
+    return S_OK;
+  });
+}
+
+void ConnectionObject::close_handle() noexcept {
+  handle_.reset();
+  open_ = false;
+}
+
+void ConnectionObject::register_recordset(RecordsetObject& recordset) noexcept {
+  recordset.connection_owner_ = this;
+  recordset.next_ = active_recordsets_;
+  if (active_recordsets_ != nullptr) active_recordsets_->previous_ = &recordset;
+  active_recordsets_ = &recordset;
+}
+
+void ConnectionObject::unregister_recordset(
+    RecordsetObject& recordset) noexcept {
+  RecordsetObject* const next = recordset.next_;
+  RecordsetObject* const previous = recordset.previous_;
+  (previous != nullptr ? previous->next_ : active_recordsets_) = next;
+  if (next != nullptr) next->previous_ = previous;
+}
+
+void ConnectionObject::invalidate_recordsets() noexcept {
+  RecordsetObject* recordset = std::exchange(active_recordsets_, nullptr);
+  while (recordset != nullptr) {
+    recordset->on_connection_closed();
+    recordset = recordset->next_;
+  }
+}
+
+// A place where the number of affected rows can go, even if it leads nowhere.
+bool is_count_target(const VARIANT& value) {
+  switch (value.vt) {
+    case VT_BYREF | VT_I2:
+    case VT_BYREF | VT_I4:
+    case VT_BYREF | VT_VARIANT:
+    case VT_BYREF | VT_UI2:
+    case VT_BYREF | VT_UI4:
+    case VT_BYREF | VT_I8:
+    case VT_BYREF | VT_UI8:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Hosts refer to anything that they have, aligned or not.
+template <class Integer>
+void store_count(void* target, std::int64_t count) {
+  const auto stored = static_cast<Integer>(count);
+  std::memcpy(target, &stored, sizeof stored);
+}
+
+// What a variant held is freed last, which may run foreign code.
+void store_count_in_variant(void* target, std::int64_t count) {
+  VARIANT stored = {};
+  stored.vt = VT_I8;
+  stored.llVal = count;
+  VARIANT held = {};
+  std::memcpy(&held, target, sizeof held);
+  std::memcpy(target, &stored, sizeof stored);
+  _variant_t freed;
+  freed.Attach(held);
+}
+
+void store_rows_affected(VARIANT* target, std::int64_t count) {
+  if (target == nullptr || !is_count_target(*target) ||
+      target->byref == nullptr) {
+    return;
+  }
+  switch (target->vt & ~VT_BYREF) {
+    case VT_I2:
+    case VT_UI2:
+      return store_count<std::uint16_t>(target->byref, count);
+    case VT_UI4:
+      return store_count<std::uint32_t>(target->byref, count);
+    case VT_VARIANT:
+      return store_count_in_variant(target->byref, count);
+    default:
+      return store_count<std::int64_t>(target->byref, count);
+  }
+}
+
+HRESULT ConnectionObject::Execute(BSTR text, VARIANT* rows_affected,
+                                  long /*options*/,
+                                  IZIRDBRecordset** recordset) {
+  clear_db_error();
+  if (recordset == nullptr) return E_INVALIDARG;
+  *recordset = nullptr;
+  InterfacePtr<RecordsetObject> made;
+  const HRESULT result = ExecuteInternal(text, rows_affected, nullptr, &made);
+  *recordset = made.detach();
+  return result;
+}
+
+HRESULT ConnectionObject::ExecuteInternal(
+    const wchar_t* text, VARIANT* rows_affected,
+    std::vector<ZirdbOdbcParameter>* parameters,
+    InterfacePtr<RecordsetObject>* recordset) {
+  return guarded([&] {
+    if (!open_) return fail(kClosed, kConnectionSource);
+    const std::string sql = utf8_from_bstr(text);
+    if (sql.empty()) return fail(kNoCommandText, kConnectionSource);
+    RowStoreBuilder builder;
+    std::int64_t count = 0;
+    std::string error;
+    bool executed = false;
+    try {
+      executed = zirdb_odbc_execute_into(handle_.get(), sql, parameters,
+                                         builder, count, error);
+    } catch (const std::range_error& unconvertible) {
+      error = unconvertible.what();
+    }
+    if (!executed) return fail_with_odbc_text(kExecuteFailed, error);
+    if (auto rows = builder.take()) {
+      *recordset = make<RecordsetObject>(std::move(rows));
+      register_recordset(*recordset->get());
+      count = -1;
+    }
+    // Last: what this frees may close the connection, or let it go.
+    store_rows_affected(rows_affected, count);
+    return S_OK;
+  });
+}
+
+// Omitted arguments are empty texts.
+HRESULT ConnectionObject::invoke_open(ConnectionObject& self, Call& call) {
+  // Reading an argument may run a script.
+  const auto held = InterfacePtr<ConnectionObject>::share(&self);
+  const UINT count = call.arguments.count();
+  _bstr_t texts[3];
+  for (UINT i = 0; i < std::min(count, 3U); ++i) {
+    texts[i] = static_cast<_bstr_t>(call.arguments(static_cast<int>(i)));
+  }
+  const long options =
+      count > 3 ? static_cast<long>(static_cast<long long>(call.arguments(3)))
+                : 0;
+  return call.finish(
+      self.Open(texts[0].m_s, texts[1].m_s, texts[2].m_s, options));
+}
+
+// Nothing, or the recordset, as the result of a statement.
+HRESULT give_recordset(const Call& call,
+                       InterfacePtr<RecordsetObject> recordset) {
+  if (recordset) return call.give(std::move(recordset));
+  return call.give(VARIANT{});
+}
+
+HRESULT ConnectionObject::invoke_execute(ConnectionObject& self, Call& call) {
+  if (!call.has(DISPATCH_METHOD)) return DISP_E_MEMBERNOTFOUND;
+  const HRESULT admitted = admit(kExecute, call);
+  if (FAILED(admitted)) return admitted;
+  const auto held = InterfacePtr<ConnectionObject>::share(&self);
+  const auto text = static_cast<_bstr_t>(call.arguments(0));
+  VARIANT* rows_affected = nullptr;
+  if (call.arguments.count() > 1) {
+    if (is_count_target(*call.arguments.raw(1))) {
+      rows_affected = call.arguments.raw(1);
+    } else {
+      static_cast<void>(static_cast<long long>(call.arguments(1)));
+    }
+  }
+  if (call.arguments.count() > 2) {
+    static_cast<void>(static_cast<long long>(call.arguments(2)));
+  }
+  InterfacePtr<RecordsetObject> recordset;
+  const HRESULT result =
+      self.ExecuteInternal(text.m_s, rows_affected, nullptr, &recordset);
+  return FAILED(result) ? call.raise(result)
+                        : give_recordset(call, std::move(recordset));
+}
+
+// A parameter for each argument behind the text, or for each element of the
+// array that is the only one.
+HRESULT parameters_of_arguments(const _dispparams_wrapper_t& arguments,
+                                DbParameterList* parameters) {
+  const UINT count = arguments.count();
+  if (count == 2 && array_of_values(arguments.raw(1)) != nullptr) {
+    return build_dispatch_execute_parameters(arguments.raw(1), parameters);
+  }
+  for (UINT i = 1; i < count; ++i) {
+    auto parameter = std::make_shared<DbParameter>();
+    const HRESULT described = describe_element(
+        arguments.raw(static_cast<int>(i)), i - 1, parameter.get());
+    if (FAILED(described)) return described;
+    if (parameter->value.vt == VT_EMPTY) {
+      // Deliberate: an empty argument sends a number, unlike an empty element.
+      parameter->value = std::int64_t{0};
+    }
+    parameters->push_back(std::move(parameter));
+  }
+  return S_OK;
+}
+
+// What the ODBC layer is to send for each of `parameters`, none of which is
+// empty. The first that cannot be sent is recorded as an error of `source`.
+HRESULT translate_parameters(const DbParameterList& parameters,
+                             const wchar_t* source,
+                             std::vector<ZirdbOdbcParameter>* odbc) {
+  odbc->reserve(parameters.size());
+  for (const auto& parameter : parameters) {
+    const HRESULT result =
+        db_parameter_to_odbc_parameter(*parameter, &odbc->emplace_back());
+    if (FAILED(result)) return set_db_error(result, source, kValueText);
+  }
+  return S_OK;
+}
+
+// The connection's default member. Nothing comes back through its arguments.
+HRESULT ConnectionObject::invoke_value(ConnectionObject& self, Call& call) {
+  if (!call.has(DISPATCH_METHOD)) return DISP_E_MEMBERNOTFOUND;
+  const HRESULT admitted = admit(kExecuteWithValues, call);
+  if (FAILED(admitted)) return admitted;
+  const auto held = InterfacePtr<ConnectionObject>::share(&self);
+  const auto text = static_cast<_bstr_t>(call.arguments(0));
+  // Whatever reading the text may have left behind.
+  clear_db_error();
+  DbParameterList parameters;
+  const HRESULT built = parameters_of_arguments(call.arguments, &parameters);
+  if (built == DISP_E_TYPEMISMATCH) return built;
+  if (FAILED(built)) return call.raise(built);
+  InterfacePtr<RecordsetObject> recordset;
+  const HRESULT result =
+      self.ExecuteWithParameters(text.m_s, parameters, &recordset);
+  return FAILED(result) ? call.raise(result)
+                        : give_recordset(call, std::move(recordset));
+}
+
+// ---------------------------------------------------------------------------
+// Command
+// ---------------------------------------------------------------------------
+
+// Reads the beginning of a statement. Deliberate: blanks are these four, in
+// every locale.
+class StatementReader {
+ public:
+  explicit StatementReader(std::wstring_view text) : rest_(text) {}
+
+  StatementReader& skip_blanks() {
+    rest_.remove_prefix(
+        std::min(rest_.find_first_not_of(L"\t\n\r "), rest_.size()));
+    return *this;
+  }
+  // Whether `word` comes next, in any case.
+  bool is_at(std::wstring_view word) const {
+    return rest_.size() >= word.size() &&
+           std::equal(word.begin(), word.end(), rest_.begin(),
+                      [](wchar_t left, wchar_t right) {
+                        return folded(left) == folded(right);
+                      });
+  }
+  // Passes over `word` if it comes next.
+  bool skip(std::wstring_view word) {
+    if (!is_at(word)) return false;
+    rest_.remove_prefix(word.size());
+    return true;
+  }
+  std::wstring_view rest() const { return rest_; }
+
+ private:
+  std::wstring_view rest_;
+};
+
+// Takes a statement with parameters, which is the one procedure that may be
+// called by hand with them.
+constexpr std::wstring_view kExecuteSql = L"sp_executesql";
+
+// "{CALL p" or "{? = CALL p".
+bool is_call_escape(std::wstring_view text) {
+  StatementReader reader(text);
+  if (!reader.skip_blanks().skip(L"{")) return false;
+  if (reader.skip_blanks().skip(L"?")) {
+    if (!reader.skip_blanks().skip(L"=")) return false;
+    reader.skip_blanks();
+  }
+  return reader.skip(L"CALL ") && !reader.skip_blanks().is_at(kExecuteSql);
+}
+
+// Deliberate: other spellings, such as "EXECUTE p", are statements like any.
+bool command_looks_like_simple_stored_proc_text(std::wstring_view text) {
+  StatementReader reader(text);
+  if (reader.skip_blanks().skip(L"EXEC ")) {
+    return !reader.skip_blanks().is_at(kExecuteSql);
+  }
+  return is_call_escape(text);
+}
+
+// Deliberate: exactly these beginnings, blanks included.
+bool command_suppresses_parameter_writeback(std::wstring_view text) {
+  const StatementReader reader(text);
+  return reader.is_at(L"{CALL sp_executesql(") ||
+         reader.is_at(L"{? = CALL sp_executesql(");
+}
+
+// Deliberate: they are refused parameters.
+bool is_system_procedure(std::wstring_view text) {
+  StatementReader reader(text);
+  std::wstring_view name = reader.skip_blanks().rest();
+  const std::size_t dot = name.rfind(L'.');
+  if (dot != std::wstring_view::npos && dot + 1 < name.size()) {
+    name.remove_prefix(dot + 1);
+  }
+  return StatementReader(name).is_at(L"sp_") ||
+         StatementReader(name).is_at(L"xp_");
+}
+
+HRESULT ConnectionObject::ExecuteWithParameters(
+    const wchar_t* text, const DbParameterList& parameters,
+    InterfacePtr<RecordsetObject>* recordset) {
+  std::vector<ZirdbOdbcParameter> odbc;
+  const HRESULT translated =
+      translate_parameters(parameters, kConnectionSource, &odbc);
+  if (FAILED(translated)) return translated;
+  // Deliberate: a procedure's parameters are a command's business.
+  if (!odbc.empty() && command_looks_like_simple_stored_proc_text(text)) {
+    return fail(kErrorsOccurred, kConnectionSource);
+  }
+  return ExecuteInternal(text, nullptr, &odbc, recordset);
+}
+
+// The ODBC escape that calls the procedure `text`, with a marker for each
+// parameter.
+HRESULT build_procedure_call(const std::wstring& text,
+                             const std::vector<ZirdbOdbcParameter>& parameters,
+                             std::wstring* call) {
+  if (text.empty()) return E_INVALIDARG;
+  const auto is_return_value = [](const ZirdbOdbcParameter& parameter) {
+    return parameter.direction == ZIRDB_AD_PARAM_RETURN_VALUE;
+  };
+  const bool returns =
+      !parameters.empty() && is_return_value(parameters.front());
+  const auto arguments = parameters.begin() + (returns ? 1 : 0);
+  if (std::any_of(arguments, parameters.end(), is_return_value)) {
+    return fail(kParameterLayout, kCommandSource);
+  }
+  *call = returns ? L"{? = CALL " : L"{CALL ";
+  *call += text;
+  *call += L'(';
+  for (auto each = arguments; each != parameters.end(); ++each) {
+    *call += each == arguments ? L"?" : L", ?";
+  }
+  *call += L")}";
+  return S_OK;
+}
+
+Members<CommandObject> CommandObject::members() {
+  using Self = CommandObject;
+  // Script engines may read Execute like a property.
+  static constexpr Shape kExecuteCommand = {
+      0, 3, DISPATCH_METHOD | DISPATCH_PROPERTYGET, true, E_INVALIDARG};
+  static constexpr Shape kCreateParameter = {0, 5, DISPATCH_METHOD, true,
+                                             E_INVALIDARG};
+  static constexpr Member<Self> kMembers[] = {
+      {L"ActiveConnection", DISPID_ZIRDB_COMMAND_ACTIVECONNECTION, kGet,
+       Get<&Self::get_ActiveConnection>::answer, invoke_put_active_connection},
+      {L"CommandText", DISPID_ZIRDB_COMMAND_COMMANDTEXT, kGet,
+       Get<&Self::get_CommandText>::answer,
+       Put<&Self::put_CommandText>::answer},
+      {L"Execute", DISPID_ZIRDB_COMMAND_EXECUTE, kExecuteCommand,
+       invoke_execute},
+      {L"CreateParameter", DISPID_ZIRDB_COMMAND_CREATEPARAMETER,
+       kCreateParameter, invoke_create_parameter},
+      {L"Parameters", DISPID_ZIRDB_COMMAND_PARAMETERS, kGet,
+       invoke_get_parameters},
+      {L"CommandType", DISPID_ZIRDB_COMMAND_COMMANDTYPE, kGet,
+       Get<&Self::get_CommandType>::answer,
+       Put<&Self::put_CommandType>::answer},
+  };
+  return members_of(kMembers);
+}
+
+HRESULT CommandObject::get_ActiveConnection(IDispatch** connection) {
+  return guarded([&] {
+    if (connection == nullptr) return E_INVALIDARG;
+    *connection = nullptr;
+    *connection =
+        InterfacePtr<IDispatch>::share(active_connection_dispatch_.get())
+            .detach();
+    return S_OK;
+  });
+}
+
+HRESULT CommandObject::putref_ActiveConnection(IDispatch* connection) {
+  return guarded([&] {
+    // Asking an object, and letting one go, may let this one go.
+    const auto held = InterfacePtr<CommandObject>::share(this);
+    auto dispatch = InterfacePtr<IDispatch>::share(connection);
+    auto asked = dispatch.query<IZIRDBConnection>(IID_IZIRDBConnection);
+    if (dispatch && !asked) return fail(kNoConnection, kCommandSource);
+    set_connection(std::move(asked), std::move(dispatch));
+    return S_OK;
+  });
+}
+
+// The old references go last.
+void CommandObject::set_connection(InterfacePtr<IZIRDBConnection> connection,
+                                   InterfacePtr<IDispatch> dispatch) {
+  std::swap(active_connection_, connection);
+  std::swap(active_connection_dispatch_, dispatch);
+}
+
+// The connection that a value stands for; none for one that stands for nothing.
+// DISP_E_TYPEMISMATCH.
+HRESULT resolve_connection_interfaces(
+    const VARIANT* value, InterfacePtr<IZIRDBConnection>* connection,
+    InterfacePtr<IDispatch>* dispatch) {
+  value = unwrapped(value);
+  if (value == nullptr) return DISP_E_TYPEMISMATCH;
+  InterfacePtr<IUnknown> object;
+  switch (value->vt) {
+    case VT_EMPTY:
+    case VT_NULL:
+      return S_OK;
+    case VT_DISPATCH:
+      object = InterfacePtr<IUnknown>::share(value->pdispVal);
+      break;
+    case VT_UNKNOWN:
+      object = InterfacePtr<IUnknown>::share(value->punkVal);
+      break;
+    default:
+      return DISP_E_TYPEMISMATCH;
+  }
+  *connection = object.query<IZIRDBConnection>(IID_IZIRDBConnection);
+  *dispatch = object.query<IDispatch>(IID_IDispatch);
+  return object && (!*connection || !*dispatch) ? DISP_E_TYPEMISMATCH : S_OK;
+}
+
+HRESULT CommandObject::invoke_put_active_connection(CommandObject& self,
+                                                    Call& call) {
+  const auto held = InterfacePtr<CommandObject>::share(&self);
+  InterfacePtr<IZIRDBConnection> connection;
+  InterfacePtr<IDispatch> dispatch;
+  const HRESULT result = resolve_connection_interfaces(call.arguments.raw(0),
+                                                       &connection, &dispatch);
+  if (FAILED(result)) return result;
+  self.set_connection(std::move(connection), std::move(dispatch));
+  return S_OK;
+}
+
+HRESULT CommandObject::get_CommandText(BSTR* text) {
+  return guarded([&] {
+    if (text == nullptr) return E_INVALIDARG;
+    *text = nullptr;
+    *text = bstr_from_wstring(command_text_);
+    return S_OK;
+  });
+}
+
+HRESULT CommandObject::put_CommandText(BSTR text) {
+  return guarded([&] {
+    command_text_ = wstring_from_bstr(text);
+    return S_OK;
+  });
+}
+
+HRESULT CommandObject::get_CommandType(long* type) {
+  return guarded([&] {
+    if (type == nullptr) return E_INVALIDARG;
+    *type = command_type_;
+    return S_OK;
+  });
+}
+
+HRESULT CommandObject::put_CommandType(long type) {
+  return guarded([&] {
+    switch (type) {
+      case ZIRDB_AD_CMD_UNSPECIFIED:
+      case ZIRDB_AD_CMD_TEXT:
+      case ZIRDB_AD_CMD_STORED_PROC:
+      case ZIRDB_AD_CMD_UNKNOWN:
+        command_type_ = type;
+        return S_OK;
+      default:
+        return E_INVALIDARG;
+    }
+  });
+}
+
+HRESULT CommandObject::CreateParameter(BSTR name, long type, long direction,
+                                       long size, VARIANT value,
+                                       IZIRDBParameter** parameter) {
+  return guarded([&] {
+    if (parameter == nullptr) return E_INVALIDARG;
+    *parameter = nullptr;
+    InterfacePtr<ParameterObject> made;
+    const HRESULT result =
+        create_parameter(name, type, direction, size, value, &made);
+    *parameter = made.detach();
+    return result;
+  });
+}
+
+HRESULT CommandObject::create_parameter(
+    BSTR name, long type, long direction, long size, const VARIANT& value,
+    InterfacePtr<ParameterObject>* parameter) {
+  auto record = std::make_shared<DbParameter>();
+  record->name = wstring_from_bstr(name);
+  record->type = type;
+  record->direction = direction;
+  record->size = size;
+  // Deliberate: scripts pass Null where there is nothing to pass yet.
+  if (!is_output(direction) || value.vt != VT_NULL) {
+    const HRESULT copied = copy_variant(value, &record->value);
+    if (FAILED(copied)) return copied;
+  }
+  *parameter = make<ParameterObject>(std::move(record));
+  return S_OK;
+}
+
+// Omitted arguments are an empty name, 0 and Empty.
+HRESULT CommandObject::invoke_create_parameter(CommandObject& self,
+                                               Call& call) {
+  // Reading an argument may run a script.
+  const auto held = InterfacePtr<CommandObject>::share(&self);
+  _dispparams_wrapper_t& arguments = call.arguments;
+  const int count = static_cast<int>(arguments.count());
+  _bstr_t name;
+  if (count > 0) name = static_cast<_bstr_t>(arguments(0));
+  long numbers[3] = {};
+  for (int i = 1; i < std::min(count, 4); ++i) {
+    numbers[i - 1] = static_cast<long>(static_cast<long long>(arguments(i)));
+  }
+  InterfacePtr<ParameterObject> parameter;
+  const HRESULT result = self.create_parameter(
+      name.m_s, numbers[0], numbers[1], numbers[2],
+      count > 4 ? stored_value(arguments, 4) : VARIANT{}, &parameter);
+  return FAILED(result) ? call.raise(result) : call.give(std::move(parameter));
+}
+
+HRESULT CommandObject::get_Parameters(IZIRDBParameters** parameters) {
+  return guarded([&] {
+    if (parameters == nullptr) return E_INVALIDARG;
+    *parameters = nullptr;
+    *parameters = make<ParametersObject>(parameters_).detach();
+    return S_OK;
+  });
+}
+
+HRESULT CommandObject::invoke_get_parameters(CommandObject& self, Call& call) {
+  return call.give(make<ParametersObject>(self.parameters_));
+}
+
+HRESULT CommandObject::Execute(VARIANT* rows_affected, long options,
+                               IZIRDBRecordset** recordset) {
+  return guarded([&] {
+    if (recordset == nullptr) return E_INVALIDARG;
+    *recordset = nullptr;
+    InterfacePtr<IZIRDBRecordset> made;
+    const HRESULT result = ExecuteWithParameters(rows_affected, options,
+                                                 *parameters_, nullptr, &made);
+    *recordset = made.detach();
+    return result;
+  });
+}
+
+// The statement that carries out a command's text. Deliberate: what is refused
+// here would mean something else to every server.
+HRESULT prepare_statement(const std::wstring& text, std::int64_t type,
+                          bool from_array,
+                          const std::vector<ZirdbOdbcParameter>& parameters,
+                          std::wstring* sql) {
+  if (type == ZIRDB_AD_CMD_STORED_PROC) {
+    if (!parameters.empty() && is_system_procedure(text)) {
+      return fail(kTooManyArguments, kCommandSource);
+    }
+    return build_procedure_call(text, parameters, sql);
+  }
+  *sql = text;
+  if (parameters.empty()) return S_OK;
+  if (from_array && type == ZIRDB_AD_CMD_UNKNOWN && is_call_escape(text)) {
+    return S_OK;
+  }
+  if (command_looks_like_simple_stored_proc_text(text)) {
+    return fail(from_array ? kParameterDefinition : kErrorsOccurred,
+                kCommandSource);
+  }
+  const bool has_output =
+      std::any_of(parameters.begin(), parameters.end(),
+                  [](const auto& each) { return is_output(each.direction); });
+  if (has_output && !command_suppresses_parameter_writeback(text)) {
+    return fail(kOutputInText, kCommandSource);
+  }
+  return S_OK;
+}
+
+// On a connection that is not this library's. Its errors are what it left
+// behind.
+HRESULT execute_on_foreign(IZIRDBConnection* connection,
+                           const std::wstring& sql, VARIANT* rows_affected,
+                           long options,
+                           InterfacePtr<IZIRDBRecordset>* recordset) {
+  const _bstr_t text(bstr_from_wstring(sql), false);
+  clear_db_error();
+  IZIRDBRecordset* made = nullptr;
+  const HRESULT result =
+      connection->Execute(text.m_s, rows_affected, options, &made);
+  // A failure may leave anything there.
+  if (FAILED(result)) return result;
+  *recordset = InterfacePtr<IZIRDBRecordset>::adopt(made);
+  return S_OK;
+}
+
+// Options have a meaning to foreign connections only.
+HRESULT execute_on(IZIRDBConnection* connection, const std::wstring& sql,
+                   VARIANT* rows_affected, long options,
+                   std::vector<ZirdbOdbcParameter>& parameters,
+                   InterfacePtr<IZIRDBRecordset>* recordset) {
+  HRESULT result = S_OK;
+  if (auto* const known = own<ConnectionObject>(connection)) {
+    InterfacePtr<RecordsetObject> made;
+    result =
+        known->ExecuteInternal(sql.c_str(), rows_affected, &parameters, &made);
+    *recordset = InterfacePtr<IZIRDBRecordset>::adopt(made.detach());
+  } else if (!parameters.empty()) {
+    result = fail(kForeignConnection, kCommandSource);
+  } else {
+    result =
+        execute_on_foreign(connection, sql, rows_affected, options, recordset);
+  }
+  // To a command, a closed connection is none.
+  return result == kClosed.code ? fail(kNoConnection, kCommandSource) : result;
+}
+
+HRESULT CommandObject::ExecuteWithParameters(
+    VARIANT* rows_affected, long options, const DbParameterList& parameters,
+    SAFEARRAY* array, InterfacePtr<IZIRDBRecordset>* recordset) {
+  // Values and connections may run a script, which may change this command or
+  // let it go. What is executed is what it was before.
+  const InterfacePtr<IZIRDBConnection> connection = active_connection_;
+  const std::wstring text = command_text_;
+  const std::int64_t type = command_type_;
+  DbParameterList sent;
+  std::copy_if(parameters.begin(), parameters.end(), std::back_inserter(sent),
+               [](const auto& parameter) { return parameter != nullptr; });
+  if (!connection) return fail(kNoConnection, kCommandSource);
+  if (text.empty()) return fail(kNoCommandText, kCommandSource);
+
+  std::vector<ZirdbOdbcParameter> odbc;
+  HRESULT result = translate_parameters(sent, kCommandSource, &odbc);
+  if (FAILED(result)) return result;
+  std::wstring sql;
+  result = prepare_statement(text, type, array != nullptr, odbc, &sql);
+  if (FAILED(result)) return result;
+  InterfacePtr<IZIRDBRecordset> made;
+  result =
+      execute_on(connection.get(), sql, rows_affected, options, odbc, &made);
+  if (FAILED(result)) return result;
+
+  if (type == ZIRDB_AD_CMD_STORED_PROC ||
+      command_suppresses_parameter_writeback(text)) {
+    clear_output_parameters(sent);
+  } else {
+    result = write_back_parameter_values(sent, odbc);
+    if (FAILED(result)) {
+      return set_db_error(result, kCommandSource, kResultText);
+    }
+  }
+  if (array != nullptr) {
+    result = write_back_parameter_array(array, sent);
+    if (FAILED(result)) {
+      return set_db_error(result, kCommandSource, kArrayResultText);
+    }
+  }
+  if (!made) {
+    made = InterfacePtr<IZIRDBRecordset>::adopt(
+        make<RecordsetObject>(RecordsetObject::WithoutColumns{}).detach());
+  }
+  *recordset = std::move(made);
+  return S_OK;
+}
+
+HRESULT CommandObject::ExecuteDispatchParameterArray(
+    VARIANT* rows_affected, long options, const VARIANT* array,
+    InterfacePtr<IZIRDBRecordset>* recordset) {
+  DbParameterList parameters;
+  const HRESULT built = build_dispatch_execute_parameters(array, &parameters);
+  if (FAILED(built)) return set_db_error(built, kCommandSource, kArrayText);
+  return ExecuteWithParameters(rows_affected, options, parameters,
+                               array_of_values(array), recordset);
+}
+
+// A script may pass an array of values at any position. What else it passes is
+// RecordsAffected, then Options; it may leave both out.
+HRESULT CommandObject::invoke_execute(CommandObject& self, Call& call) {
+  // Reading an argument, and what a value or a connection does, may let this
+  // go.
+  const auto held = InterfacePtr<CommandObject>::share(&self);
+  const int count = static_cast<int>(call.arguments.count());
+  const VARIANT* array = nullptr;
+  VARIANT* rows_affected = nullptr;
+  long options = 0;
+  for (int i = 0; i < count; ++i) {
+    VARIANT* const argument = call.arguments.raw(i);
+    if (array_of_values(argument) != nullptr) {
+      if (array != nullptr) return DISP_E_TYPEMISMATCH;
+      array = argument;
+    } else if (rows_affected == nullptr) {
+      rows_affected = argument;
+    } else if (const VARIANT* const given = unwrapped<const VARIANT>(argument);
+               given != nullptr && given->vt != VT_ERROR) {
+      options = static_cast<long>(static_cast<long long>(call.arguments(i)));
+    }
+  }
+  // Whatever reading the arguments may have left behind.
+  clear_db_error();
+  InterfacePtr<IZIRDBRecordset> recordset;
+  const HRESULT result =
+      array != nullptr
+          ? self.ExecuteDispatchParameterArray(rows_affected, options, array,
+                                               &recordset)
+          : self.ExecuteWithParameters(rows_affected, options,
+                                       *self.parameters_, nullptr, &recordset);
+  if (FAILED(result)) return call.raise(result);
+  auto dispatch = recordset.query<IDispatch>(IID_IDispatch);
+  return dispatch ? call.give(std::move(dispatch)) : call.raise(E_NOINTERFACE);
+}
+
+// ---------------------------------------------------------------------------
 // The class factory
 // ---------------------------------------------------------------------------
 
@@ -2467,8 +3481,16 @@ class ZIRDBClassFactory final : public IClassFactory {
       if (outer != nullptr) return CLASS_E_NOAGGREGATION;
       if (object == nullptr) return E_INVALIDARG;
       *object = nullptr;
-      if (kind_ != ZIRDBClassKind::Recordset) return E_NOTIMPL;
-      return make<RecordsetObject>()->QueryInterface(riid, object);
+      switch (kind_) {
+        case ZIRDBClassKind::Connection:
+          return make<ConnectionObject>()->QueryInterface(riid, object);
+        case ZIRDBClassKind::Command:
+          return make<CommandObject>(std::make_shared<DbParameterList>())
+              ->QueryInterface(riid, object);
+        case ZIRDBClassKind::Recordset:
+          return make<RecordsetObject>()->QueryInterface(riid, object);
+      }
+      return E_UNEXPECTED;
     });
   }
 

@@ -19,7 +19,9 @@
 //    DISP_E_EXCEPTION finds code, source and text in its EXCEPINFO, which must
 //    have been initialised: what it held is freed.
 //  - References may be taken and dropped on any thread. Apart from that an
-//    object, and what shares its state, belongs to one thread at a time.
+//    object, and what shares its state, belongs to one thread at a time: a
+//    connection with its recordsets, down to the last reference to one of them;
+//    a command with its parameters.
 
 #ifndef ZIRDB_H
 #define ZIRDB_H

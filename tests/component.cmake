@@ -29,3 +29,10 @@ include(component_frame.cmake)
 include(component_recordset.cmake)
 include(component_parameters.cmake)
 include(component_costs.cmake)
+
+# Connections and commands.
+foreach(
+  list component_connection component_command component_databases
+       component_failures python)
+  include(${list}.cmake OPTIONAL)
+endforeach()

@@ -265,21 +265,31 @@ TEST_F(ComponentActivation, TheFactorysRefusalsComeThrough) {
   EXPECT_EQ(outer.references(), 1U);
 }
 
-TEST_F(ComponentActivation, ConnectionsAndCommandsAreNotThereYet) {
-  for (const Class& row : {kClasses[0], kClasses[1]}) {
+/// A new object of this very library, which has the interface.
+void expect_new(const Out& created, REFIID own) {
+  ASSERT_FALSE(created.untouched());
+  ASSERT_NE(created.object(), nullptr);
+  auto* const object = static_cast<IUnknown*>(created.object());
+  EXPECT_EQ(DllCanUnloadNow(), S_FALSE) << "another instance made it";
+  EXPECT_EQ(component::references_of(object), 1U);
+  EXPECT_TRUE(component::query<IUnknown>(object, own));
+}
+
+TEST_F(ComponentActivation, EveryClassIsMadeByNameAndByIdentifier) {
+  const IID* const own[] = {&IID_IZIRDBConnection, &IID_IZIRDBCommand,
+                            &IID_IZIRDBRecordset};
+  for (std::size_t i = 0; i < std::size(own); ++i) {
     Out by_name;
-    EXPECT_EQ(
-        CoCreateInstanceByName(row.program_id, nullptr, CLSCTX_INPROC_SERVER,
-                               IID_IUnknown, by_name.address()),
-        E_NOTIMPL)
-        << row.program_id;
-    EXPECT_TRUE(no_object(by_name));
+    EXPECT_EQ(CoCreateInstanceByName(kClasses[i].program_id, nullptr,
+                                     CLSCTX_INPROC_SERVER, IID_IUnknown,
+                                     by_name.address()),
+              S_OK);
+    expect_new(by_name, *own[i]);
     Out by_id;
-    EXPECT_EQ(CoCreateInstance(row.clsid, nullptr, CLSCTX_INPROC_SERVER,
-                               IID_IUnknown, by_id.address()),
-              E_NOTIMPL)
-        << row.program_id;
-    EXPECT_TRUE(no_object(by_id));
+    EXPECT_EQ(CoCreateInstance(kClasses[i].clsid, nullptr, CLSCTX_INPROC_SERVER,
+                               *own[i], by_id.address()),
+              S_OK);
+    expect_new(by_id, *own[i]);
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstddef>
@@ -20,6 +21,7 @@
 
 #include "support/component.h"
 #include "support/component_host.h"
+#include "support/connections.h"
 #include "support/objects.h"
 #include "support/values.h"
 #include "zir.h"
@@ -39,12 +41,23 @@ using component::standalone_recordset;
 /// The wide name as DllGetClassObject takes it.
 void* as_name(const wchar_t* name) { return const_cast<wchar_t*>(name); }
 
-bool makes_recordsets(IClassFactory* factory) {
-  InterfacePtr<IZIRDBRecordset> recordset;
-  return factory != nullptr && recordset.receive([&](void** out) {
-    return factory->CreateInstance(nullptr, IID_IZIRDBRecordset, out);
+bool makes(IClassFactory* factory, REFIID riid) {
+  InterfacePtr<IUnknown> object;
+  return factory != nullptr && object.receive([&](void** out) {
+    return factory->CreateInstance(nullptr, riid, out);
   }) == S_OK;
 }
+
+/// The three classes, each with the interface of its own.
+struct Class {
+  const CLSID& clsid;
+  const IID& own;
+};
+const Class kClasses[] = {
+    {CLSID_ZIRDBConnection, IID_IZIRDBConnection},
+    {CLSID_ZIRDBCommand, IID_IZIRDBCommand},
+    {CLSID_ZIRDBRecordset, IID_IZIRDBRecordset},
+};
 
 // ---------------------------------------------------------------------------
 // Entry points
@@ -63,10 +76,13 @@ TEST(EntryPoint, GivesAFactoryForEveryClass) {
   }
 }
 
-TEST(EntryPoint, TheClassIdOfTheRecordsetLeadsToRecordsets) {
-  EXPECT_TRUE(makes_recordsets(factory_of(CLSID_ZIRDBRecordset).get()));
-  EXPECT_FALSE(makes_recordsets(factory_of(CLSID_ZIRDBConnection).get()));
-  EXPECT_FALSE(makes_recordsets(factory_of(CLSID_ZIRDBCommand).get()));
+TEST(EntryPoint, AClassIdLeadsToItsClass) {
+  for (const Class& asked : kClasses) {
+    for (const Class& each : kClasses) {
+      EXPECT_EQ(makes(factory_of(asked.clsid).get(), each.own),
+                &asked == &each);
+    }
+  }
 }
 
 TEST(EntryPoint, EveryCallMakesAFactoryOfItsOwn) {
@@ -80,12 +96,18 @@ TEST(EntryPoint, EveryCallMakesAFactoryOfItsOwn) {
 TEST(EntryPoint, FindsAClassByNameWhateverItsCase) {
   const struct {
     const wchar_t* name;
-    bool recordset;
+    const IID& own;
   } rows[] = {
-      {L"Connection", false}, {L"connection", false}, {L"CONNECTION", false},
-      {L"Command", false},    {L"command", false},    {L"cOMMAND", false},
-      {L"Recordset", true},   {L"recordset", true},   {L"RECORDSET", true},
-      {L"rEcOrDsEt", true},
+      {L"Connection", IID_IZIRDBConnection},
+      {L"connection", IID_IZIRDBConnection},
+      {L"CONNECTION", IID_IZIRDBConnection},
+      {L"Command", IID_IZIRDBCommand},
+      {L"command", IID_IZIRDBCommand},
+      {L"cOMMAND", IID_IZIRDBCommand},
+      {L"Recordset", IID_IZIRDBRecordset},
+      {L"recordset", IID_IZIRDBRecordset},
+      {L"RECORDSET", IID_IZIRDBRecordset},
+      {L"rEcOrDsEt", IID_IZIRDBRecordset},
   };
   for (const auto& row : rows) {
     for (const IID* const iid : {&IID_IUnknown, &IID_IClassFactory}) {
@@ -96,7 +118,9 @@ TEST(EntryPoint, FindsAClassByNameWhateverItsCase) {
       ASSERT_FALSE(factory.untouched()) << row.name;
       auto* const made = static_cast<IClassFactory*>(factory.object());
       EXPECT_EQ(references_of(made), 1U) << row.name;
-      EXPECT_EQ(makes_recordsets(made), row.recordset) << row.name;
+      for (const Class& each : kClasses) {
+        EXPECT_EQ(makes(made, each.own), each.own == row.own) << row.name;
+      }
     }
   }
 }
@@ -221,26 +245,27 @@ TEST(ClassFactory, TheLastReleaseReportsZero) {
 // Making objects
 // ---------------------------------------------------------------------------
 
-TEST(CreateInstance, GivesAnyInterfaceOfARecordset) {
-  const auto factory = factory_of(CLSID_ZIRDBRecordset);
-  for (const IID* const iid :
-       {&IID_IUnknown, &IID_IDispatch, &IID_IZIRDBRecordset}) {
-    Out made;
-    EXPECT_EQ(factory->CreateInstance(nullptr, *iid, made.address()), S_OK);
-    ASSERT_NE(made.object(), nullptr);
-    ASSERT_FALSE(made.untouched());
-    auto* const object = static_cast<IUnknown*>(made.object());
-    EXPECT_EQ(references_of(object), 1U);
-    EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
-    // Which of the object's two tables it is.
-    const auto recordset = query<IZIRDBRecordset>(object, IID_IZIRDBRecordset);
-    const auto dispatch = dispatch_of(object);
-    ASSERT_TRUE(recordset && dispatch);
-    EXPECT_EQ(made.object(), *iid == IID_IDispatch
-                                 ? static_cast<void*>(dispatch.get())
-                                 : static_cast<void*>(recordset.get()));
+TEST(CreateInstance, GivesAnyInterfaceOfTheClass) {
+  for (const Class& each : kClasses) {
+    const auto factory = factory_of(each.clsid);
+    for (const IID* const iid : {&IID_IUnknown, &IID_IDispatch, &each.own}) {
+      Out made;
+      EXPECT_EQ(factory->CreateInstance(nullptr, *iid, made.address()), S_OK);
+      ASSERT_NE(made.object(), nullptr);
+      ASSERT_FALSE(made.untouched());
+      auto* const object = static_cast<IUnknown*>(made.object());
+      EXPECT_EQ(references_of(object), 1U);
+      EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
+      // Which of the object's two tables it is.
+      const auto own = query<IUnknown>(object, each.own);
+      const auto dispatch = dispatch_of(object);
+      ASSERT_TRUE(own && dispatch);
+      EXPECT_EQ(made.object(), *iid == IID_IDispatch
+                                   ? static_cast<void*>(dispatch.get())
+                                   : static_cast<void*>(own.get()));
+    }
+    EXPECT_EQ(DllCanUnloadNow(), S_OK);
   }
-  EXPECT_EQ(DllCanUnloadNow(), S_OK);
 }
 
 TEST(CreateInstance, EveryCallMakesAnother) {
@@ -266,16 +291,19 @@ TEST(CreateInstance, AnObjectOutlivesItsFactory) {
 }
 
 TEST(CreateInstance, AnObjectWithoutTheInterfaceIsDestroyed) {
-  const auto factory = factory_of(CLSID_ZIRDBRecordset);
-  for (const IID* const iid :
-       {&IID_NULL, &IID_IClassFactory, &IID_IZIRDBConnection,
-        &IID_IZIRDBCommand, &IID_IZIRDBFields, &IID_IEnumVARIANT,
-        &CLSID_ZIRDBRecordset}) {
-    Out made;
-    EXPECT_EQ(factory->CreateInstance(nullptr, *iid, made.address()),
-              E_NOINTERFACE);
-    EXPECT_EQ(made.object(), nullptr);
-    EXPECT_EQ(DllCanUnloadNow(), S_OK);
+  for (const Class& each : kClasses) {
+    const auto factory = factory_of(each.clsid);
+    for (const IID* const iid :
+         {&IID_NULL, &IID_IClassFactory, &IID_IZIRDBConnection,
+          &IID_IZIRDBCommand, &IID_IZIRDBRecordset, &IID_IZIRDBFields,
+          &IID_IEnumVARIANT, &each.clsid}) {
+      if (*iid == each.own) continue;
+      Out made;
+      EXPECT_EQ(factory->CreateInstance(nullptr, *iid, made.address()),
+                E_NOINTERFACE);
+      EXPECT_EQ(made.object(), nullptr);
+      EXPECT_EQ(DllCanUnloadNow(), S_OK);
+    }
   }
 }
 
@@ -304,22 +332,6 @@ TEST(CreateInstance, NeedsAPlaceForTheObject) {
               E_INVALIDARG);
     EXPECT_EQ(factory->CreateInstance(nullptr, IID_NULL, nullptr),
               E_INVALIDARG);
-  }
-}
-
-TEST(CreateInstance, ConnectionsAndCommandsAreNotThereYet) {
-  for (const CLSID* const clsid :
-       {&CLSID_ZIRDBConnection, &CLSID_ZIRDBCommand}) {
-    const auto factory = factory_of(*clsid);
-    for (const IID* const iid :
-         {&IID_IUnknown, &IID_IDispatch, &IID_IZIRDBConnection,
-          &IID_IZIRDBCommand, &IID_IZIRDBRecordset}) {
-      Out made;
-      EXPECT_EQ(factory->CreateInstance(nullptr, *iid, made.address()),
-                E_NOTIMPL);
-      EXPECT_EQ(made.object(), nullptr);
-      EXPECT_EQ(DllCanUnloadNow(), S_OK);
-    }
   }
 }
 
@@ -426,9 +438,33 @@ struct Kind {
   InterfacePtr<IUnknown> object;
 };
 
-/// A recordset, and the fields of another one.
+/// One object of every class that a host gets without a database.
 std::vector<Kind> kinds() {
   std::vector<Kind> kinds;
+  kinds.push_back(
+      {"connection",
+       IID_IZIRDBConnection,
+       {},
+       query<IUnknown>(component::connection().get(), IID_IUnknown)});
+  const auto command = component::command();
+  kinds.push_back({"command",
+                   IID_IZIRDBCommand,
+                   {},
+                   query<IUnknown>(component::command().get(), IID_IUnknown)});
+  const auto [listed, parameters] = component::received<IZIRDBParameters>(
+      [&](IZIRDBParameters** out) { return command->get_Parameters(out); });
+  kinds.push_back({"parameters",
+                   IID_IZIRDBParameters,
+                   {},
+                   query<IUnknown>(parameters.get(), IID_IUnknown)});
+  const auto [created, parameter] =
+      component::received<IZIRDBParameter>([&](IZIRDBParameter** out) {
+        return command->CreateParameter(nullptr, 0, 0, 0, VARIANT{}, out);
+      });
+  kinds.push_back({"parameter",
+                   IID_IZIRDBParameter,
+                   {},
+                   query<IUnknown>(parameter.get(), IID_IUnknown)});
   const auto recordset = standalone_recordset();
   kinds.push_back({"recordset",
                    IID_IZIRDBRecordset,
@@ -497,17 +533,12 @@ TEST(ComponentObject, RefusesEveryOtherIdentifier) {
   for (const Kind& kind : kinds()) {
     const auto dispatch = dispatch_of(kind.object.get());
     std::vector<IID> others = {
-        IID_NULL,
-        IID_IClassFactory,
-        IID_IEnumVARIANT,
-        IID_IErrorInfo,
-        CLSID_ZIRDBRecordset,
-        IID_IZIRDBConnection,
-        IID_IZIRDBCommand,
-        IID_IZIRDBField,
-        IID_IZIRDBParameters,
-        IID_IZIRDBParameter,
-        kind.own == IID_IZIRDBFields ? IID_IZIRDBRecordset : IID_IZIRDBFields};
+        IID_NULL,          IID_IClassFactory,    IID_IEnumVARIANT,
+        IID_IErrorInfo,    CLSID_ZIRDBRecordset, IID_IZIRDBConnection,
+        IID_IZIRDBCommand, IID_IZIRDBRecordset,  IID_IZIRDBFields,
+        IID_IZIRDBField,   IID_IZIRDBParameters, IID_IZIRDBParameter};
+    others.erase(std::remove(others.begin(), others.end(), kind.own),
+                 others.end());
     for (std::size_t at = 0; at < sizeof(IID); ++at) {
       IID other = kind.own;
       void* const start = &other;
