@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// query: one SQL statement against any ODBC database, from the command line.
+// query: one SQL statement against any ODBC database, from the command line,
+// through the scriptable objects.
 //
 //   query CONNECTION STATEMENT [VALUE...]
 //       prints the rows as a table; the values are bound to the statement's
@@ -10,6 +11,7 @@
 //       bound to the markers
 //
 // An empty value or field is NULL. Errors go to standard error, one line each.
+// The environment variable REGISTRY names the build's registry folder.
 // Exit status: 0 success, 1 the database refused, 2 wrong usage.
 
 #include <algorithm>
@@ -23,31 +25,15 @@
 #include <utility>
 #include <vector>
 
-#include "zirdb_odbc.h"
+#include "late_bound.h"
 
 namespace {
 
-constexpr std::int64_t kVarwchar = 202;
-constexpr std::int64_t kInput = 1;
+using late_bound::Null;
+using late_bound::Object;
+using late_bound::Value;
+
 constexpr std::size_t kWidestColumn = 60;
-
-// Closes what zirdb_odbc_open opened.
-class Connection {
- public:
-  explicit Connection(const std::string& connection_string) {
-    zirdb_odbc_open(connection_string, &handle_, &error_);
-  }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-  ~Connection() { zirdb_odbc_close(handle_); }
-
-  void* handle() const { return handle_; }  // null when it did not open
-  const std::string& error() const { return error_; }
-
- private:
-  void* handle_ = nullptr;
-  std::string error_;
-};
 
 int fail(std::string_view text) {
   std::cerr << "query: " << text << '\n';
@@ -92,30 +78,28 @@ std::string hex(const std::vector<unsigned char>& bytes) {
   return text;
 }
 
-std::string shown(const ZirdbOdbcValue& value) {
-  switch (value.kind) {
-    case ZirdbOdbcValueKind::Null:
+std::string shown(const Value& value) {
+  switch (value.type()) {
+    case VT_NULL:
       return "NULL";
-    case ZirdbOdbcValueKind::Bool:
-      return value.bool_value ? "true" : "false";
-    case ZirdbOdbcValueKind::Int64:
-      return std::to_string(value.int64_value);
-    case ZirdbOdbcValueKind::Double: {
+    case VT_BOOL:
+      return value.truth() ? "true" : "false";
+    case VT_I8:
+      return std::to_string(value.integer());
+    case VT_R8: {
       char text[32];
-      std::snprintf(text, sizeof text, "%.15g", value.double_value);
+      std::snprintf(text, sizeof text, "%.15g", value.number());
       return text;
     }
-    case ZirdbOdbcValueKind::Text:
-      return fitted(value.text_value);
-    case ZirdbOdbcValueKind::Binary:
-      return fitted(hex(value.binary_value));
+    case VT_ARRAY | VT_UI1:
+      return fitted(hex(value.bytes()));
+    default:
+      return fitted(value.text());
   }
-  return "?";
 }
 
-bool is_number(const ZirdbOdbcValue& value) {
-  return value.kind == ZirdbOdbcValueKind::Int64 ||
-         value.kind == ZirdbOdbcValueKind::Double;
+bool is_number(const Value& value) {
+  return value.type() == VT_I8 || value.type() == VT_R8;
 }
 
 std::string counted(std::int64_t count, std::string_view noun) {
@@ -123,20 +107,35 @@ std::string counted(std::int64_t count, std::string_view noun) {
          (count == 1 ? "" : "s");
 }
 
-void print_table(const ZirdbOdbcResult& result) {
-  const std::size_t columns = result.columns.size();
+struct Cell {
+  std::string text;
+  bool is_number;
+};
+
+std::vector<std::vector<Cell>> read_rows(const Object& recordset,
+                                         std::int64_t columns) {
+  std::vector<std::vector<Cell>> rows;
+  for (; !recordset.get("EOF").truth(); recordset.call("MoveNext")) {
+    rows.emplace_back();
+    for (std::int64_t i = 0; i < columns; ++i) {
+      const Value value = recordset(i).object().get("Value");
+      rows.back().push_back({shown(value), is_number(value)});
+    }
+  }
+  return rows;
+}
+
+void print_table(const Object& recordset, std::int64_t column_count) {
+  const auto columns = static_cast<std::size_t>(column_count);
+  const auto rows = read_rows(recordset, column_count);
+  const Object fields = recordset.get("Fields").object();
   std::vector<std::string> names;
   std::vector<std::size_t> widths;
-  for (const ZirdbOdbcColumn& column : result.columns) {
-    names.push_back(fitted(column.name));
+  for (std::size_t i = 0; i < columns; ++i) {
+    names.push_back(fitted(fields(i).object().get("Name").text()));
     widths.push_back(width(names.back()));
-  }
-  std::vector<std::vector<std::string>> cells;
-  for (const auto& row : result.rows) {
-    cells.emplace_back();
-    for (std::size_t i = 0; i < columns; ++i) {
-      cells.back().push_back(shown(row[i]));
-      widths[i] = std::max(widths[i], width(cells.back().back()));
+    for (const auto& row : rows) {
+      widths[i] = std::max(widths[i], width(row[i].text));
     }
   }
 
@@ -150,86 +149,80 @@ void print_table(const ZirdbOdbcResult& result) {
     }
   };
   for (std::size_t i = 0; i < columns; ++i) {
-    const bool right = !result.rows.empty() && is_number(result.rows[0][i]);
-    print(i, names[i], right);
+    print(i, names[i], !rows.empty() && rows[0][i].is_number);
   }
   std::cout << '\n';
   for (std::size_t i = 0; i < columns; ++i) {
     print(i, std::string(widths[i], '-'), false);
   }
   std::cout << '\n';
-  for (std::size_t row = 0; row < cells.size(); ++row) {
+  for (const auto& row : rows) {
     for (std::size_t i = 0; i < columns; ++i) {
-      print(i, cells[row][i], is_number(result.rows[row][i]));
+      print(i, row[i].text, row[i].is_number);
     }
     std::cout << '\n';
   }
-  std::cout << "(" << counted(static_cast<std::int64_t>(cells.size()), "row")
+  std::cout << "(" << counted(static_cast<std::int64_t>(rows.size()), "row")
             << ")\n";
 }
 
-// Wide text, because every driver agrees on what UTF-16 means.
-ZirdbOdbcParameter text_parameter(std::string text) {
-  ZirdbOdbcParameter parameter;
-  parameter.type = kVarwchar;
-  parameter.direction = kInput;
-  if (!text.empty()) parameter.value.kind = ZirdbOdbcValueKind::Text;
-  parameter.value.text_value = std::move(text);
-  return parameter;
+// A field as a statement takes it.
+Value value_of(const std::string& text) {
+  return text.empty() ? Value(Null()) : Value(text);
 }
 
-std::vector<ZirdbOdbcParameter> parameters_of(const std::string& line) {
-  std::vector<ZirdbOdbcParameter> parameters;
+std::vector<Value> values_of(const std::string& line) {
+  std::vector<Value> values;
   std::size_t start = 0;
   for (;;) {
     const std::size_t tab = line.find('\t', start);
-    parameters.push_back(text_parameter(line.substr(start, tab - start)));
-    if (tab == std::string::npos) return parameters;
+    values.push_back(value_of(line.substr(start, tab - start)));
+    if (tab == std::string::npos) return values;
     start = tab + 1;
   }
 }
 
-int run_statement(const Connection& connection, const std::string& statement,
-                  const std::vector<std::string>& values) {
-  std::vector<ZirdbOdbcParameter> parameters;
-  parameters.reserve(values.size());
-  for (const std::string& value : values) {
-    parameters.push_back(text_parameter(value));
-  }
-  ZirdbOdbcResult result;
-  if (!zirdb_odbc_execute(connection.handle(), statement, &parameters,
-                          &result)) {
-    return fail(result.error);
-  }
-  if (result.columns.empty()) {
-    std::cout << counted(result.rows_affected, "row") << " affected\n";
+Object command_over(const Object& connection, const std::string& statement) {
+  Object command("ZIRDB.Command");
+  command.put("ActiveConnection", connection);
+  command.put("CommandText", statement);
+  return command;
+}
+
+int run_statement(const Object& connection, const std::string& statement,
+                  const std::vector<Value>& values) {
+  const Object command = command_over(connection, statement);
+  Value affected;
+  const Object recordset =
+      command.call("Execute", Value::reference_to(affected), values).object();
+  const std::int64_t columns =
+      recordset.get("Fields").object().get("Count").integer();
+  if (columns == 0) {
+    std::cout << counted(affected.integer(), "row") << " affected\n";
   } else {
-    print_table(result);
+    print_table(recordset, columns);
   }
   return succeed();
 }
 
 // All lines or none: one transaction, which a failing line leaves unfinished
 // and closing the connection rolls back.
-int run_per_line(const Connection& connection, const std::string& statement) {
-  ZirdbOdbcResult result;
-  if (!zirdb_odbc_execute(connection.handle(), "BEGIN", &result)) {
-    return fail(result.error);
-  }
+int run_per_line(const Object& connection, const std::string& statement) {
+  connection.call("Execute", "BEGIN");
+  const Object command = command_over(connection, statement);
   std::int64_t lines = 0;
   std::int64_t affected = 0;
   for (std::string line; std::getline(std::cin, line);) {
     ++lines;
-    auto parameters = parameters_of(line);
-    if (!zirdb_odbc_execute(connection.handle(), statement, &parameters,
-                            &result)) {
-      return fail("line " + std::to_string(lines) + ": " + result.error);
+    Value count;
+    try {
+      command.call("Execute", Value::reference_to(count), values_of(line));
+    } catch (const late_bound::Error& error) {
+      return fail("line " + std::to_string(lines) + ": " + error.what());
     }
-    affected += result.rows_affected;
+    affected += count.integer();
   }
-  if (!zirdb_odbc_execute(connection.handle(), "COMMIT", &result)) {
-    return fail(result.error);
-  }
+  connection.call("Execute", "COMMIT");
   std::cout << counted(affected, "row") << " affected by "
             << counted(lines, "line") << '\n';
   return succeed();
@@ -247,12 +240,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    const Connection connection(arguments[0]);
-    if (connection.handle() == nullptr) return fail(connection.error());
-    if (per_line) return run_per_line(connection, arguments[1]);
-    return run_statement(connection, arguments[1],
-                         {arguments.begin() + 2, arguments.end()});
+    std::vector<Value> values;
+    for (std::size_t i = 2; i < arguments.size(); ++i) {
+      values.push_back(value_of(arguments[i]));
+    }
+    const Object connection("ZIRDB.Connection");
+    connection.call("Open", arguments[0]);
+    return per_line ? run_per_line(connection, arguments[1])
+                    : run_statement(connection, arguments[1], values);
   } catch (const std::exception& error) {
-    return fail(error.what());  // a value that is not UTF-8, or no memory
+    return fail(error.what());
   }
 }

@@ -1320,6 +1320,8 @@ class RecordsetObject final
   // beginning, and nothing that it reports is set.
   struct WithoutColumns {};
   explicit RecordsetObject(WithoutColumns tag) noexcept;
+  RecordsetObject(const RecordsetObject&) = delete;
+  RecordsetObject& operator=(const RecordsetObject&) = delete;
   ~RecordsetObject() override;
 
   HRESULT get_Fields(IZIRDBFields** fields) override;
@@ -1494,6 +1496,8 @@ class ConnectionObject final
   static Members<ConnectionObject> members();
 
   ConnectionObject() noexcept = default;
+  ConnectionObject(const ConnectionObject&) = delete;
+  ConnectionObject& operator=(const ConnectionObject&) = delete;
   ~ConnectionObject() override;
 
   HRESULT get_ConnectionString(BSTR* connection_string) override;

@@ -31,7 +31,7 @@ fails 2 'usage: query' --bind-lines "$memory" 'SELECT 1' surplus
 fails 1 'query: IM002: ' 'DSN=no such data source' 'SELECT 1'
 fails 1 'query: 01000: ' 'Driver=no such driver' 'SELECT 1'
 fails 1 'query: HY000: ' "$memory" 'SELEC 1'
-fails 1 'query: wstring_convert::from_bytes' "$memory" 'SELECT ?' $'\xff'
+fails 1 'query: a text is not UTF-8' "$memory" 'SELECT ?' $'\xff'
 
 if "$query" "$memory" 'SELECT 1' >/dev/full 2>/dev/null; then
   echo "output that could not be written went unnoticed"
