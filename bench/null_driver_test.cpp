@@ -407,7 +407,7 @@ TEST(FetchBench, WrongDataAreNotMeasured) {
   if (created == 77) GTEST_SKIP() << "no SQLite3 ODBC driver is installed";
   ASSERT_EQ(created, EXIT_SUCCESS);
 
-  for (const char* way : {"floor", "layer"}) {
+  for (const char* way : {"floor", "layer", "recordset", "read", "whole"}) {
     EXPECT_EQ(table.measure(way, 4), EXIT_SUCCESS) << way;
     EXPECT_EQ(table.measure(way, 5), EXIT_FAILURE) << way << ", a row short";
   }
@@ -418,7 +418,7 @@ TEST(FetchBench, WrongDataAreNotMeasured) {
   ZirdbOdbcResult result;
   ASSERT_TRUE(zirdb_odbc_execute(
       handle, "UPDATE narrow SET b = b + 1 WHERE a = 2", &result));
-  for (const char* way : {"floor", "layer"}) {
+  for (const char* way : {"floor", "layer", "recordset", "read", "whole"}) {
     EXPECT_EQ(table.measure(way, 4), EXIT_FAILURE) << way << ", a wrong value";
   }
 }
