@@ -329,18 +329,21 @@ constexpr VARTYPE kVariantArray = VT_ARRAY | VT_VARIANT;
 
 // UTF-8 of a zero-terminated text.
 std::string utf8_from_bstr(const wchar_t* text) {
-  const std::size_t size = utf32_utf8(nullptr, 0, text);
+  // Most are short and need not be measured first.
+  char buffer[256];
+  const std::size_t size = utf32_utf8(buffer, sizeof buffer, text);
+  if (size <= sizeof buffer) return {buffer, size - 1};
   std::string utf8(size - 1, '\0');
   utf32_utf8(utf8.data(), size, text);
   return utf8;
 }
 
 // Empty for what is not UTF-8.
-std::wstring utf32_from_utf8(const std::string& utf8) {
-  const std::size_t size = utf8_utf32(nullptr, 0, utf8.c_str());
+std::wstring utf32_from_utf8(const char* utf8) {
+  const std::size_t size = utf8_utf32(nullptr, 0, utf8);
   if (size == 0) return {};
   std::wstring text(size - 1, L'\0');
-  utf8_utf32(text.data(), size, utf8.c_str());
+  utf8_utf32(text.data(), size, utf8);
   return text;
 }
 
@@ -529,28 +532,54 @@ bool equal_folded(const wchar_t* left, const wchar_t* right) {
   return false;
 }
 
-// The columns of a result: immutable, shared by all that read it.
+// The columns of a result: once complete, immutable and shared by all that read
+// it. Names stay UTF-8 until somebody asks: most results are read by position,
+// or not by all their columns.
 class ColumnTable {
  public:
-  explicit ColumnTable(std::vector<DbColumn> columns)
-      : columns_(std::move(columns)) {}
+  ColumnTable() = default;
   ColumnTable(const ColumnTable&) = delete;
   ColumnTable& operator=(const ColumnTable&) = delete;
-  ~ColumnTable() { delete index_.load(); }
+  ~ColumnTable() {
+    delete index_.load();
+    delete columns_.load();
+  }
 
-  std::size_t size() const { return columns_.size(); }
-  const DbColumn& operator[](std::size_t index) const {
-    return columns_[index];
+  // While the table is made.
+  void reserve(std::size_t count) {
+    constexpr std::size_t kUsualName = 16;
+    entries_.reserve(count);
+    names_.reserve(count * kUsualName);
+  }
+  void add(std::string_view utf8_name, std::int16_t sql_type) {
+    entries_.push_back({names_.size(), sql_type});
+    names_.append(utf8_name).push_back('\0');
+  }
+
+  std::size_t size() const { return entries_.size(); }
+
+  DbColumn column(std::size_t index) const {
+    const Entry& entry = entries_[index];
+    return {utf32_from_utf8(&names_[entry.name]), entry.sql_type};
   }
 
   // The first column whose name wcscasecmp calls equal. The same effort
   // whatever its position.
   std::optional<std::size_t> find(const wchar_t* name) const {
-    const NameIndex* const index = usable_index();
-    return index != nullptr ? find_indexed(*index, name) : search(name);
+    const Columns& columns = decoded();
+    const NameIndex* const index = usable_index(columns);
+    return index != nullptr ? find_indexed(*index, columns, name)
+                            : search(columns, name);
   }
 
  private:
+  using Columns = std::vector<DbColumn>;
+
+  struct Entry {
+    std::size_t name;  // where it begins among the names
+    std::int16_t sql_type;
+  };
+
   // Open addressing over the folded names: positions + 1, 0 for a free slot.
   struct NameIndex {
     std::vector<std::uint32_t> slots;
@@ -560,39 +589,53 @@ class ColumnTable {
   // How the locale in force folds a letter outside ASCII.
   static std::wint_t witness() { return std::towlower(0xC9); }
 
-  // The index is made at the first search, and only for the locale in force
-  // then. A host that changes the locale, or one in whose locale "I" is not a
-  // capital "i", is served by the search itself.
-  const NameIndex* usable_index() const {
-    if (std::towlower(L'I') != L'i') return nullptr;
-    const NameIndex* index = index_.load(std::memory_order_acquire);
-    if (index == nullptr) index = publish(make_index());
-    return index->witness == witness() ? index : nullptr;
-  }
-
-  // Several threads may read; the first index stays.
-  const NameIndex* publish(std::unique_ptr<const NameIndex> made) const {
-    const NameIndex* current = nullptr;
-    if (!index_.compare_exchange_strong(current, made.get())) return current;
+  // What `make` makes, at the first call. Several threads may read; the first
+  // one stays.
+  template <class Kept, class Make>
+  static const Kept* kept(std::atomic<const Kept*>& place, Make make) {
+    const Kept* current = place.load(std::memory_order_acquire);
+    if (current != nullptr) return current;
+    std::unique_ptr<const Kept> made = make();
+    if (!place.compare_exchange_strong(current, made.get())) return current;
     return made.release();
   }
 
-  std::unique_ptr<const NameIndex> make_index() const {
+  const Columns& decoded() const {
+    return *kept(columns_, [this] {
+      auto columns = std::make_unique<Columns>();
+      columns->reserve(size());
+      for (std::size_t i = 0; i < size(); ++i) columns->push_back(column(i));
+      return columns;
+    });
+  }
+
+  // The index is made at the first search, and only for the locale in force
+  // then. A host that changes the locale, or one in whose locale "I" is not a
+  // capital "i", is served by the search itself.
+  const NameIndex* usable_index(const Columns& columns) const {
+    if (std::towlower(L'I') != L'i') return nullptr;
+    const NameIndex* const index =
+        kept(index_, [&columns] { return make_index(columns); });
+    return index->witness == witness() ? index : nullptr;
+  }
+
+  static std::unique_ptr<NameIndex> make_index(const Columns& columns) {
     auto index = std::make_unique<NameIndex>();
     std::size_t size = 4;
-    while (size < 2 * columns_.size()) size *= 2;
+    while (size < 2 * columns.size()) size *= 2;
     index->slots.resize(size);
     index->witness = witness();
-    for (std::size_t i = 0; i < columns_.size(); ++i) {
-      const wchar_t* const name = columns_[i].name.c_str();
-      std::uint32_t& slot = index->slots[slot_of(*index, name)];
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      const wchar_t* const name = columns[i].name.c_str();
+      std::uint32_t& slot = index->slots[slot_of(*index, columns, name)];
       if (slot == 0) slot = static_cast<std::uint32_t>(i + 1);
     }
     return index;
   }
 
   // The slot that holds the name, or the free one where it belongs.
-  std::size_t slot_of(const NameIndex& index, const wchar_t* name) const {
+  static std::size_t slot_of(const NameIndex& index, const Columns& columns,
+                             const wchar_t* name) {
     std::uint64_t hash = 0xCBF29CE484222325;
     for (const wchar_t* at = name; *at != L'\0'; ++at) {
       hash = (hash ^ static_cast<std::uint32_t>(folded(*at))) * 0x100000001B3;
@@ -600,27 +643,31 @@ class ColumnTable {
     const std::size_t mask = index.slots.size() - 1;
     std::size_t slot = (hash ^ (hash >> 32)) & mask;
     while (index.slots[slot] != 0 &&
-           !equal_folded(columns_[index.slots[slot] - 1].name.c_str(), name)) {
+           !equal_folded(columns[index.slots[slot] - 1].name.c_str(), name)) {
       slot = (slot + 1) & mask;
     }
     return slot;
   }
 
-  std::optional<std::size_t> find_indexed(const NameIndex& index,
-                                          const wchar_t* name) const {
-    const std::uint32_t found = index.slots[slot_of(index, name)];
+  static std::optional<std::size_t> find_indexed(const NameIndex& index,
+                                                 const Columns& columns,
+                                                 const wchar_t* name) {
+    const std::uint32_t found = index.slots[slot_of(index, columns, name)];
     if (found == 0) return std::nullopt;
     return found - 1;
   }
 
-  std::optional<std::size_t> search(const wchar_t* name) const {
-    for (std::size_t i = 0; i < columns_.size(); ++i) {
-      if (wcscasecmp(columns_[i].name.c_str(), name) == 0) return i;
+  static std::optional<std::size_t> search(const Columns& columns,
+                                           const wchar_t* name) {
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      if (wcscasecmp(columns[i].name.c_str(), name) == 0) return i;
     }
     return std::nullopt;
   }
 
-  std::vector<DbColumn> columns_;
+  std::string names_;  // each with a zero behind it
+  std::vector<Entry> entries_;
+  mutable std::atomic<const Columns*> columns_{nullptr};
   mutable std::atomic<const NameIndex*> index_{nullptr};
 };
 
@@ -785,13 +832,13 @@ class RowStoreBuilder final : public ZirdbOdbcSink {
 
   void begin_columns(std::size_t count) override {
     expected_ = count;
-    columns_.reserve(count);
+    columns_ = std::make_shared<ColumnTable>();
+    columns_->reserve(count);
   }
   void column(std::string_view name, std::int16_t sql_type) override {
-    columns_.push_back({utf32_from_utf8(std::string(name)), sql_type});
-    if (columns_.size() < expected_) return;
-    store_ = std::make_shared<RowStore>(
-        std::make_shared<const ColumnTable>(std::move(columns_)));
+    columns_->add(name, sql_type);
+    if (columns_->size() < expected_) return;
+    store_ = std::make_shared<RowStore>(std::move(columns_));
   }
 
   void begin_row() override { next_ = store_->begin_row(); }
@@ -827,7 +874,7 @@ class RowStoreBuilder final : public ZirdbOdbcSink {
   }
 
   std::size_t expected_ = 0;
-  std::vector<DbColumn> columns_;
+  std::shared_ptr<ColumnTable> columns_;
   std::shared_ptr<RowStore> store_;
   Cell* next_ = nullptr;
 };
@@ -2251,7 +2298,7 @@ HRESULT FieldObject::get_Name(BSTR* name) {
     }
     const ColumnTable& columns =
         owner_ ? *owner_->columns() : *rows_->columns();
-    *name = bstr_from_wstring(columns[index_].name);
+    *name = bstr_from_wstring(columns.column(index_).name);
     return S_OK;
   });
 }
@@ -2679,7 +2726,8 @@ void append_key_value(std::string& connection_string, const char* key,
 
 // What the ODBC layer says went wrong.
 HRESULT fail_with_odbc_text(HRESULT code, const std::string& error) {
-  return set_db_error(code, kConnectionSource, utf32_from_utf8(error).c_str());
+  return set_db_error(code, kConnectionSource,
+                      utf32_from_utf8(error.c_str()).c_str());
 }
 
 HRESULT ConnectionObject::Open(BSTR connection_string, BSTR user, BSTR password,
@@ -2696,7 +2744,7 @@ HRESULT ConnectionObject::open(BSTR connection_string, BSTR user,
   std::string used = utf8_from_bstr(given.c_str());
   append_key_value(used, "UID", utf8_from_bstr(user));
   append_key_value(used, "PWD", utf8_from_bstr(password));
-  std::wstring shown = utf32_from_utf8(used);
+  std::wstring shown = utf32_from_utf8(used.c_str());
   void* handle = nullptr;
   std::string error;
   if (!zirdb_odbc_open(used, &handle, &error)) {

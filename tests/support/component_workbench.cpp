@@ -189,7 +189,7 @@ std::string utf8_from_bstr(const wchar_t* text) {
   return ::utf8_from_bstr(text);
 }
 std::wstring utf32_from_utf8(const std::string& text) {
-  return ::utf32_from_utf8(text);
+  return ::utf32_from_utf8(text.c_str());
 }
 std::wstring wstring_from_bstr(wchar_t* text) {
   return ::wstring_from_bstr(text);
