@@ -3,8 +3,8 @@
 // zirdb: the database automation component.
 //
 // Sections: identifiers; errors; text and values; rows; the dispatch frame; the
-// classes; marshalling; parameters; fields; recordset; connection; command; the
-// class factory; entry points.
+// classes; marshalling; parameters; fields; recordset; statements; connection;
+// command; the class factory; entry points.
 //
 // What a reader needs to know:
 //  - What an interface offers runs inside `guarded` (a late-bound call inside
@@ -2657,10 +2657,88 @@ HRESULT RecordsetObject::invoke_for_each(RecordsetObject& self, Call& call) {
 }
 
 // ---------------------------------------------------------------------------
+// Statements
+// ---------------------------------------------------------------------------
+
+// Reads the beginning of a statement. Deliberate: blanks are these four, in
+// every locale.
+class StatementReader {
+ public:
+  explicit StatementReader(std::wstring_view text) : rest_(text) {}
+
+  StatementReader& skip_blanks() {
+    rest_.remove_prefix(
+        std::min(rest_.find_first_not_of(L"\t\n\r "), rest_.size()));
+    return *this;
+  }
+  // Whether `word` comes next, in any case.
+  bool is_at(std::wstring_view word) const {
+    return rest_.size() >= word.size() &&
+           std::equal(word.begin(), word.end(), rest_.begin(),
+                      [](wchar_t left, wchar_t right) {
+                        return folded(left) == folded(right);
+                      });
+  }
+  // Passes over `word` if it comes next.
+  bool skip(std::wstring_view word) {
+    if (!is_at(word)) return false;
+    rest_.remove_prefix(word.size());
+    return true;
+  }
+  std::wstring_view rest() const { return rest_; }
+
+ private:
+  std::wstring_view rest_;
+};
+
+// Takes a statement with parameters, which is the one procedure that may be
+// called by hand with them.
+constexpr std::wstring_view kExecuteSql = L"sp_executesql";
+
+// "{CALL p" or "{? = CALL p".
+bool is_call_escape(std::wstring_view text) {
+  StatementReader reader(text);
+  if (!reader.skip_blanks().skip(L"{")) return false;
+  if (reader.skip_blanks().skip(L"?")) {
+    if (!reader.skip_blanks().skip(L"=")) return false;
+    reader.skip_blanks();
+  }
+  return reader.skip(L"CALL ") && !reader.skip_blanks().is_at(kExecuteSql);
+}
+
+// Deliberate: other spellings, such as "EXECUTE p", are statements like any.
+bool command_looks_like_simple_stored_proc_text(std::wstring_view text) {
+  StatementReader reader(text);
+  if (reader.skip_blanks().skip(L"EXEC ")) {
+    return !reader.skip_blanks().is_at(kExecuteSql);
+  }
+  return is_call_escape(text);
+}
+
+// Deliberate: exactly these beginnings, blanks included.
+bool command_suppresses_parameter_writeback(std::wstring_view text) {
+  const StatementReader reader(text);
+  return reader.is_at(L"{CALL sp_executesql(") ||
+         reader.is_at(L"{? = CALL sp_executesql(");
+}
+
+// Deliberate: they are refused parameters.
+bool is_system_procedure(std::wstring_view text) {
+  StatementReader reader(text);
+  std::wstring_view name = reader.skip_blanks().rest();
+  const std::size_t dot = name.rfind(L'.');
+  if (dot != std::wstring_view::npos && dot + 1 < name.size()) {
+    name.remove_prefix(dot + 1);
+  }
+  return StatementReader(name).is_at(L"sp_") ||
+         StatementReader(name).is_at(L"xp_");
+}
+
+// ---------------------------------------------------------------------------
 // Connection
 // ---------------------------------------------------------------------------
 
-// Calls with arguments of their own check the rest of their shape themselves.
+// Both forms of execution look for DISPATCH_METHOD first, themselves.
 constexpr Shape kOpen = {0, 4, DISPATCH_METHOD, false, DISP_E_MEMBERNOTFOUND};
 constexpr Shape kExecute = {1, 3, 0, true, E_INVALIDARG};
 constexpr Shape kExecuteWithValues = {1, std::numeric_limits<UINT>::max(), 0,
@@ -2972,6 +3050,20 @@ HRESULT translate_parameters(const DbParameterList& parameters,
   return S_OK;
 }
 
+HRESULT ConnectionObject::ExecuteWithParameters(
+    const wchar_t* text, const DbParameterList& parameters,
+    InterfacePtr<RecordsetObject>* recordset) {
+  std::vector<ZirdbOdbcParameter> odbc;
+  const HRESULT translated =
+      translate_parameters(parameters, kConnectionSource, &odbc);
+  if (FAILED(translated)) return translated;
+  // Deliberate: a procedure's parameters are a command's business.
+  if (!odbc.empty() && command_looks_like_simple_stored_proc_text(text)) {
+    return fail(kErrorsOccurred, kConnectionSource);
+  }
+  return ExecuteInternal(text, nullptr, &odbc, recordset);
+}
+
 // The connection's default member. Nothing comes back through its arguments.
 HRESULT ConnectionObject::invoke_value(ConnectionObject& self, Call& call) {
   if (!call.has(DISPATCH_METHOD)) return DISP_E_MEMBERNOTFOUND;
@@ -2995,94 +3087,6 @@ HRESULT ConnectionObject::invoke_value(ConnectionObject& self, Call& call) {
 // ---------------------------------------------------------------------------
 // Command
 // ---------------------------------------------------------------------------
-
-// Reads the beginning of a statement. Deliberate: blanks are these four, in
-// every locale.
-class StatementReader {
- public:
-  explicit StatementReader(std::wstring_view text) : rest_(text) {}
-
-  StatementReader& skip_blanks() {
-    rest_.remove_prefix(
-        std::min(rest_.find_first_not_of(L"\t\n\r "), rest_.size()));
-    return *this;
-  }
-  // Whether `word` comes next, in any case.
-  bool is_at(std::wstring_view word) const {
-    return rest_.size() >= word.size() &&
-           std::equal(word.begin(), word.end(), rest_.begin(),
-                      [](wchar_t left, wchar_t right) {
-                        return folded(left) == folded(right);
-                      });
-  }
-  // Passes over `word` if it comes next.
-  bool skip(std::wstring_view word) {
-    if (!is_at(word)) return false;
-    rest_.remove_prefix(word.size());
-    return true;
-  }
-  std::wstring_view rest() const { return rest_; }
-
- private:
-  std::wstring_view rest_;
-};
-
-// Takes a statement with parameters, which is the one procedure that may be
-// called by hand with them.
-constexpr std::wstring_view kExecuteSql = L"sp_executesql";
-
-// "{CALL p" or "{? = CALL p".
-bool is_call_escape(std::wstring_view text) {
-  StatementReader reader(text);
-  if (!reader.skip_blanks().skip(L"{")) return false;
-  if (reader.skip_blanks().skip(L"?")) {
-    if (!reader.skip_blanks().skip(L"=")) return false;
-    reader.skip_blanks();
-  }
-  return reader.skip(L"CALL ") && !reader.skip_blanks().is_at(kExecuteSql);
-}
-
-// Deliberate: other spellings, such as "EXECUTE p", are statements like any.
-bool command_looks_like_simple_stored_proc_text(std::wstring_view text) {
-  StatementReader reader(text);
-  if (reader.skip_blanks().skip(L"EXEC ")) {
-    return !reader.skip_blanks().is_at(kExecuteSql);
-  }
-  return is_call_escape(text);
-}
-
-// Deliberate: exactly these beginnings, blanks included.
-bool command_suppresses_parameter_writeback(std::wstring_view text) {
-  const StatementReader reader(text);
-  return reader.is_at(L"{CALL sp_executesql(") ||
-         reader.is_at(L"{? = CALL sp_executesql(");
-}
-
-// Deliberate: they are refused parameters.
-bool is_system_procedure(std::wstring_view text) {
-  StatementReader reader(text);
-  std::wstring_view name = reader.skip_blanks().rest();
-  const std::size_t dot = name.rfind(L'.');
-  if (dot != std::wstring_view::npos && dot + 1 < name.size()) {
-    name.remove_prefix(dot + 1);
-  }
-  return StatementReader(name).is_at(L"sp_") ||
-         StatementReader(name).is_at(L"xp_");
-}
-
-HRESULT ConnectionObject::ExecuteWithParameters(
-    const wchar_t* text, const DbParameterList& parameters,
-    InterfacePtr<RecordsetObject>* recordset) {
-  std::vector<ZirdbOdbcParameter> odbc;
-  const HRESULT translated =
-      translate_parameters(parameters, kConnectionSource, &odbc);
-  if (FAILED(translated)) return translated;
-  // Deliberate: a procedure's parameters are a command's business.
-  if (!odbc.empty() && command_looks_like_simple_stored_proc_text(text)) {
-    return fail(kErrorsOccurred, kConnectionSource);
-  }
-  return ExecuteInternal(text, nullptr, &odbc, recordset);
-}
 
 // The ODBC escape that calls the procedure `text`, with a marker for each
 // parameter.
@@ -3387,6 +3391,26 @@ HRESULT execute_on(IZIRDBConnection* connection, const std::wstring& sql,
   return result == kClosed.code ? fail(kNoConnection, kCommandSource) : result;
 }
 
+// What came back from a statement that ran goes to its parameters, and from
+// there to the script's array, if they were made from one.
+HRESULT take_values_back(const DbParameterList& parameters,
+                         const std::vector<ZirdbOdbcParameter>& odbc,
+                         bool suppressed, SAFEARRAY* array) {
+  if (suppressed) {
+    clear_output_parameters(parameters);
+  } else {
+    const HRESULT written = write_back_parameter_values(parameters, odbc);
+    if (FAILED(written)) {
+      return set_db_error(written, kCommandSource, kResultText);
+    }
+  }
+  if (array == nullptr) return S_OK;
+  const HRESULT written = write_back_parameter_array(array, parameters);
+  return FAILED(written)
+             ? set_db_error(written, kCommandSource, kArrayResultText)
+             : S_OK;
+}
+
 HRESULT CommandObject::ExecuteWithParameters(
     VARIANT* rows_affected, long options, const DbParameterList& parameters,
     SAFEARRAY* array, InterfacePtr<IZIRDBRecordset>* recordset) {
@@ -3411,22 +3435,13 @@ HRESULT CommandObject::ExecuteWithParameters(
   result =
       execute_on(connection.get(), sql, rows_affected, options, odbc, &made);
   if (FAILED(result)) return result;
-
-  if (type == ZIRDB_AD_CMD_STORED_PROC ||
-      command_suppresses_parameter_writeback(text)) {
-    clear_output_parameters(sent);
-  } else {
-    result = write_back_parameter_values(sent, odbc);
-    if (FAILED(result)) {
-      return set_db_error(result, kCommandSource, kResultText);
-    }
-  }
-  if (array != nullptr) {
-    result = write_back_parameter_array(array, sent);
-    if (FAILED(result)) {
-      return set_db_error(result, kCommandSource, kArrayResultText);
-    }
-  }
+  // Without parameters, as on a connection that is not this library's, nothing
+  // is taken back.
+  result = take_values_back(sent, odbc,
+                            type == ZIRDB_AD_CMD_STORED_PROC ||
+                                command_suppresses_parameter_writeback(text),
+                            array);
+  if (FAILED(result)) return result;
   if (!made) {
     made = InterfacePtr<IZIRDBRecordset>::adopt(
         make<RecordsetObject>(RecordsetObject::WithoutColumns{}).detach());
