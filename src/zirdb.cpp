@@ -308,12 +308,15 @@ HRESULT without_bad_alloc(Operation operation) {
   }
 }
 
-// The boundary of an interface.
+// The boundary of an interface. What foreign code leaves in the record of an
+// operation that succeeds is not that operation's error.
 template <class Operation>
 HRESULT guarded(Operation operation) {
   clear_db_error();
   try {
-    return operation();
+    const HRESULT result = operation();
+    if (SUCCEEDED(result)) clear_db_error();
+    return result;
   } catch (...) {
     return code_of_exception();
   }
@@ -1243,7 +1246,9 @@ class AutomationObject : public Interface, public IDispatch {
   // the operation.
   HRESULT contained(const Member<Object>& member, Call& call) {
     try {
-      return answer(member, static_cast<Object&>(*this), call);
+      const HRESULT result = answer(member, static_cast<Object&>(*this), call);
+      if (SUCCEEDED(result)) clear_db_error();
+      return result;
     } catch (const _com_error& error) {
       clear_db_error();
       return error.Error() == E_INVALIDARG ? DISP_E_BADPARAMCOUNT
@@ -2646,13 +2651,11 @@ HRESULT RecordsetObject::invoke_for_each(RecordsetObject& self, Call& call) {
   while (self.open_ && self.has_current_row_ && !self.eof_) {
     const HRESULT called = call_back(callback, fields.get(), call.exception);
     if (FAILED(called)) return called;
-    clear_db_error();
     const HRESULT moved = self.move_next();
     if (FAILED(moved)) return call.raise(moved);
   }
   fields = {};
   callback = {};
-  clear_db_error();
   return call.finish(self.close());
 }
 
@@ -3376,7 +3379,8 @@ HRESULT execute_on(IZIRDBConnection* connection, const std::wstring& sql,
                    std::vector<ZirdbOdbcParameter>& parameters,
                    InterfacePtr<IZIRDBRecordset>* recordset) {
   HRESULT result = S_OK;
-  if (auto* const known = own<ConnectionObject>(connection)) {
+  auto* const known = own<ConnectionObject>(connection);
+  if (known != nullptr) {
     InterfacePtr<RecordsetObject> made;
     result =
         known->ExecuteInternal(sql.c_str(), rows_affected, &parameters, &made);
@@ -3386,6 +3390,11 @@ HRESULT execute_on(IZIRDBConnection* connection, const std::wstring& sql,
   } else {
     result =
         execute_on_foreign(connection, sql, rows_affected, options, recordset);
+  }
+  // A lack of memory has no text, but it was the connection's all the same.
+  if (known != nullptr && result == E_OUTOFMEMORY) {
+    without_bad_alloc(
+        [&] { return set_db_error(result, kConnectionSource, nullptr); });
   }
   // To a command, a closed connection is none.
   return result == kClosed.code ? fail(kNoConnection, kCommandSource) : result;
@@ -3478,7 +3487,7 @@ HRESULT CommandObject::invoke_execute(CommandObject& self, Call& call) {
     } else if (rows_affected == nullptr) {
       rows_affected = argument;
     } else if (const VARIANT* const given = unwrapped<const VARIANT>(argument);
-               given != nullptr && given->vt != VT_ERROR) {
+               given == nullptr || given->vt != VT_ERROR) {
       options = static_cast<long>(static_cast<long long>(call.arguments(i)));
     }
   }
