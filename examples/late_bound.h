@@ -101,8 +101,9 @@ class Value {
   Value() = default;
   // NOLINTBEGIN(google-explicit-constructor): values are passed as values
   Value(Null /*null*/) { variant_.vt = VT_NULL; }
-  template <class Number,
-            std::enable_if_t<std::is_arithmetic_v<Number>, int> = 0>
+  template <class Number, std::enable_if_t<std::is_arithmetic_v<Number> ||
+                                               std::is_enum_v<Number>,
+                                           int> = 0>
   Value(Number number) : variant_(number) {}
   Value(const char* utf8) : variant_(wide(utf8).c_str()) {}
   Value(const std::string& utf8) : Value(utf8.c_str()) {}
@@ -124,7 +125,8 @@ class Value {
   VARTYPE type() const { return variant_.vt; }
   bool is_nothing() const { return type() == VT_EMPTY || type() == VT_NULL; }
 
-  // These convert, and throw where there is no conversion.
+  // These convert, and throw where the runtime has no conversion: a number of
+  // 32 bits, such as a State, has no truth. The runtime prints a line then.
   bool truth() const { return converted(VT_BOOL).boolVal != VARIANT_FALSE; }
   std::int64_t integer() const { return converted(VT_I8).llVal; }
   double number() const { return converted(VT_R8).dblVal; }

@@ -373,14 +373,11 @@ BSTR bstr_from_wstring(const std::wstring& text) {
   return copy;
 }
 
-// utf32_from_utf8 as a string of its own. Throws std::bad_alloc.
+// utf32_from_utf8 as a string of its own. Throws std::bad_alloc, except for the
+// empty text, which is NULL then.
 BSTR bstr_from_utf8(const char* utf8) {
   const std::size_t size = utf8_utf32(nullptr, 0, utf8);
-  if (size == 0) {
-    wchar_t* const empty = SysAllocString(L"");
-    if (empty == nullptr) throw std::bad_alloc();
-    return empty;
-  }
+  if (size <= 1) return SysAllocString(L"");
   wchar_t* const text = allocate_bstr(size - 1);
   utf8_utf32(text, size, utf8);
   return text;
@@ -496,6 +493,14 @@ HRESULT variant_to_byte_array(const VARIANT* value,
 // VariantCopy into an `out` that owns nothing, and E_OUTOFMEMORY where that
 // leaves a payload out.
 HRESULT copy_variant(const VARIANT& value, VARIANT* out) {
+  constexpr VARTYPE kArrayReference = VT_BYREF | VT_ARRAY;
+  if ((value.vt & kArrayReference) == kArrayReference) {
+    // Deliberate: not the array. VariantCopy would look for it in the payload,
+    // where most hosts have the address of their pointer to it.
+    out->vt = value.vt;
+    out->parray = nullptr;
+    return S_OK;
+  }
   VariantCopy(out, &value);
   const bool owns_block =
       value.vt == VT_BSTR || value.vt == VT_LPSTR || (value.vt & VT_ARRAY) != 0;
@@ -561,9 +566,9 @@ class ColumnTable {
 
   std::size_t size() const { return entries_.size(); }
 
-  DbColumn column(std::size_t index) const {
-    const Entry& entry = entries_[index];
-    return {utf32_from_utf8(&names_[entry.name]), entry.sql_type};
+  // UTF-8, or whatever the driver takes for it.
+  const char* name(std::size_t index) const {
+    return &names_[entries_[index].name];
   }
 
   // The first column whose name wcscasecmp calls equal. The same effort
@@ -607,7 +612,9 @@ class ColumnTable {
     return *kept(columns_, [this] {
       auto columns = std::make_unique<Columns>();
       columns->reserve(size());
-      for (std::size_t i = 0; i < size(); ++i) columns->push_back(column(i));
+      for (std::size_t i = 0; i < size(); ++i) {
+        columns->push_back({utf32_from_utf8(name(i)), entries_[i].sql_type});
+      }
       return columns;
     });
   }
@@ -1981,7 +1988,8 @@ HRESULT ParameterObject::get_Value(VARIANT* value) {
 HRESULT ParameterObject::put_Value(VARIANT value) {
   return guarded([&] {
     if (parameter_ == nullptr) return E_UNEXPECTED;
-    _variant_t copy(value);
+    _variant_t copy;
+    copy_variant(value, &copy);
     replace(parameter_->value, copy);
     return S_OK;
   });
@@ -2303,7 +2311,7 @@ HRESULT FieldObject::get_Name(BSTR* name) {
     }
     const ColumnTable& columns =
         owner_ ? *owner_->columns() : *rows_->columns();
-    *name = bstr_from_wstring(columns.column(index_).name);
+    *name = bstr_from_utf8(columns.name(index_));
     return S_OK;
   });
 }

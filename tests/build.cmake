@@ -33,19 +33,35 @@ if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
               "${checks}/linked_libraries.sh" $<TARGET_FILE:zirdb>)
   zirdb_check(build.sources_build_with_one_command "package;database"
               "${checks}/plain_build.sh" "${PROJECT_SOURCE_DIR}")
-  zirdb_check(
-    build.readme_program_runs "package;database" "${checks}/document_program.sh"
-    "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb> README.md)
-  zirdb_check(
-    build.runtime_document_program_runs package "${checks}/document_program.sh"
-    "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb> docs/runtime.md)
-  zirdb_check(
-    build.objects_document_program_runs package
-    "${checks}/document_program.sh" "${PROJECT_SOURCE_DIR}"
-    $<TARGET_FILE:zirdb> docs/objects.md)
-  set_tests_properties(
-    build.objects_document_program_runs
-    PROPERTIES ENVIRONMENT "REGISTRY=${PROJECT_BINARY_DIR}/registry")
+  # The servers, with the locale and the driver table that their drivers ask
+  # for, are those of journeys.cmake.
+  set(servers "${CMAKE_CURRENT_BINARY_DIR}/servers")
+  function(zirdb_document_check name document)
+    cmake_parse_arguments(arg "" "SERVER;FIXTURE" "ENVIRONMENT" ${ARGN})
+    if(arg_SERVER)
+      list(APPEND arg_SERVER "${servers}/${arg_FIXTURE}.connection")
+    endif()
+    zirdb_check(
+      ${name} "package;database" "${checks}/document_snippets.sh"
+      "${PROJECT_SOURCE_DIR}" $<TARGET_FILE:zirdb> ${document} ${arg_SERVER})
+    set_tests_properties(
+      ${name}
+      PROPERTIES ENVIRONMENT
+                 "REGISTRY=${PROJECT_BINARY_DIR}/registry;${arg_ENVIRONMENT}"
+                 FIXTURES_REQUIRED "${arg_FIXTURE}")
+  endfunction()
+  zirdb_document_check(build.readme_program_runs README.md)
+  foreach(page runtime objects reference types errors limits drivers)
+    zirdb_document_check(build.${page}_document_program_runs docs/${page}.md)
+  endforeach()
+  zirdb_document_check(
+    build.drivers_document_program_runs_on_postgres docs/drivers.md
+    SERVER PostgreSQL FIXTURE postgres
+    ENVIRONMENT LC_ALL=C.UTF-8 "ODBCSYSINI=${servers}")
+  zirdb_document_check(build.drivers_document_program_runs_on_mariadb
+                       docs/drivers.md SERVER MariaDB FIXTURE mariadb)
+  zirdb_check(build.documents_are_complete package
+              "${checks}/document_completeness.sh" "${PROJECT_SOURCE_DIR}")
   zirdb_check(build.headers_stand_alone package "${checks}/headers.sh"
               "${PROJECT_SOURCE_DIR}")
   zirdb_check(lint.clang_format lint "${checks}/clang_format.sh"

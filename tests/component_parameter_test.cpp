@@ -144,6 +144,18 @@ TEST(ParameterValue, ArraysAreCopiedWithAllTheirElements) {
   }
 }
 
+// Its elements are behind a pointer of the host's, which may be gone tomorrow.
+TEST(ParameterValue, AnArrayByReferenceKeepsNothingButItsType) {
+  const auto parameter = parameter_with(_variant_t(5));
+  const _variant_t array = bytes_value({1, 2});
+  VARIANT reference = plain(VT_BYREF | VT_ARRAY | VT_UI1, 0);
+  reference.byref = const_cast<SAFEARRAY**>(&array.parray);
+  EXPECT_EQ(parameter->put_Value(reference), S_OK);
+  EXPECT_TRUE(values::same_bytes(value_of(parameter.get()),
+                                 plain(VT_BYREF | VT_ARRAY | VT_UI1, 0)));
+  EXPECT_EQ(describe(array), describe(bytes_value({1, 2})));
+}
+
 TEST(ParameterValue, ALockedArrayIsCopiedUnlocked) {
   const auto parameter = parameter_with(_variant_t(5));
   const _variant_t array = bytes_value({1, 2});
