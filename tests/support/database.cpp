@@ -385,14 +385,18 @@ PrivateDatabase::~PrivateDatabase() {
 
 Connection PrivateDatabase::connect(const std::string& options) const {
   Connection connection(connection_string_ + options);
-  if (&driver_ == &kPostgres) {
-    connection.run("SET search_path TO " + name_);
-    connection.run("SET TimeZone TO 'UTC'");
-  } else if (&driver_ == &kMariadb) {
-    connection.run("USE " + name_);
-    connection.run("SET time_zone = '+00:00'");
-  }
+  for (const std::string& sql : preparations()) connection.run(sql);
   return connection;
+}
+
+std::vector<std::string> PrivateDatabase::preparations() const {
+  if (&driver_ == &kPostgres) {
+    return {"SET search_path TO " + name_, "SET TimeZone TO 'UTC'"};
+  }
+  if (&driver_ == &kMariadb) {
+    return {"USE " + name_, "SET time_zone = '+00:00'"};
+  }
+  return {};
 }
 
 void Journey::SetUp() {

@@ -183,6 +183,11 @@ class PrivateDatabase {
   /// `options` are appended to the connection string.
   Connection connect(const std::string& options = "") const;
 
+  /// For who connects by other means: what opens the database, and what to run
+  /// then, so that plain table names mean those of this corner.
+  const std::string& connection_string() const { return connection_string_; }
+  std::vector<std::string> preparations() const;
+
  private:
   const Driver& driver_;
   std::string name_;
@@ -198,6 +203,7 @@ class Journey : public testing::TestWithParam<const Driver*> {
   void TearDown() override;
 
   const Driver& driver() const { return *GetParam(); }
+  const PrivateDatabase& database() const { return *database_; }
   /// The connection every test has.
   Connection& db() { return *db_; }
   /// A further one to the same private database.

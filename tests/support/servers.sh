@@ -3,8 +3,12 @@
 #
 # Private database servers for the tests: one PostgreSQL, one MariaDB.
 #
-#   servers.sh start <postgres|mariadb> <workdir>
-#   servers.sh stop  <postgres|mariadb> <workdir>
+#   servers.sh start  <postgres|mariadb> <workdir>
+#   servers.sh stop   <postgres|mariadb> <workdir>
+#   servers.sh halt   <postgres|mariadb> <workdir>
+#   servers.sh resume <postgres|mariadb> <workdir>
+#
+# `halt` stops a server and keeps its folder; `resume` runs it there again.
 #
 # A server lives in a temporary folder of its own and is reached through a unix
 # socket in it, never through the network. `start` leaves in <workdir>
@@ -30,7 +34,7 @@ readonly life_seconds="${ZIRDB_SERVER_SECONDS:-3600}"
 readonly exit_skipped=77
 
 usage() {
-  echo "usage: servers.sh start|stop postgres|mariadb <workdir>" >&2
+  echo "usage: servers.sh start|stop|halt|resume postgres|mariadb <workdir>" >&2
   exit 2
 }
 
@@ -85,6 +89,10 @@ postgres_folder() {
 mariadb_server() {
   PATH="$PATH:/usr/sbin:/usr/local/sbin"
   command -v mariadbd || command -v mysqld || true
+}
+
+mariadb_admin() {
+  command -v mariadb-admin || command -v mysqladmin || true
 }
 
 require_driver() {
@@ -147,14 +155,17 @@ is_ours() {
     tr '\0' '\n' 2>/dev/null <"/proc/$pid/cmdline" | grep -qF -- "$folder/"
 }
 
-# Asks for a clean shutdown and waits. `timeout` passes the signal on, and kills
-# the server when it has not ended within `shutdown_seconds`.
-stop_server() {
-  local folder="" pid="" waited=0
-  rm -f "$connection_file" "$skip_file"
-  [[ -f $state_file ]] || return 0
+# Reads `folder` and `pid` of the server.
+read_state() {
+  folder="" pid=""
   { read -r folder && read -r pid; } <"$state_file" || true
   [[ ${folder##*/} =~ ^zirdb-$kind\.[A-Za-z0-9]{6}$ ]] || fail "bad $state_file"
+}
+
+# Asks for a clean shutdown and waits. `timeout` passes the signal on, and kills
+# the server when it has not ended within `shutdown_seconds`.
+end_server() {
+  local folder="$1" pid="$2" waited=0
   if is_ours "$pid" "$folder"; then
     kill -s "$stop_signal" "$pid" || true
     while is_ours "$pid" "$folder"; do
@@ -164,8 +175,30 @@ stop_server() {
       waited=$((waited + 1))
     done
   fi
+}
+
+stop_server() {
+  local folder pid
+  rm -f "$connection_file" "$skip_file"
+  [[ -f $state_file ]] || return 0
+  read_state
+  end_server "$folder" "$pid"
   rm -rf -- "$folder"
   rm -f "$state_file"
+}
+
+halt_server() {
+  local folder pid
+  read_state
+  touch "$folder/halted"
+  end_server "$folder" "$pid"
+}
+
+resume_server() {
+  local pid
+  read_state # `folder` is where the server is run
+  rm -f "$folder/halted"
+  "serve_$kind"
 }
 
 # run_server <command...>: in the background, in a session of its own, without
@@ -180,7 +213,7 @@ run_server() {
       printf "%s\n" "$folder" "$BASHPID" >"$state"
       exec timeout --signal="$signal" --kill-after="$patience" "$life" "$@"
     )
-    cd / && rm -rf -- "$folder"
+    [[ -e $folder/halted ]] || { cd / && rm -rf -- "$folder"; }
   ' servers "$state_file" "$folder" "$stop_signal" "$shutdown_seconds" \
     "$life_seconds" "$@" </dev/null >>"$log_file" 2>&1 &
   watchdog=$!
@@ -201,6 +234,32 @@ await_ready() {
   done
 }
 
+# The servers are run in `folder`, as `as_account`.
+serve_postgres() {
+  local bin
+  bin="$(postgres_folder)"
+  choose_account postgres
+  run_server "${as_account[@]}" "$bin/postgres" -D "$folder/data" \
+    -c listen_addresses= -c "unix_socket_directories=$folder/socket" \
+    -c fsync=off -c synchronous_commit=off -c full_page_writes=off \
+    -c log_min_messages=warning
+  await_ready "$bin/pg_isready" --host="$folder/socket" --username=zirdb \
+    --dbname=postgres
+}
+
+serve_mariadb() {
+  choose_account mysql
+  run_server "${as_account[@]}" "$(mariadb_server)" --no-defaults \
+    --datadir="$folder/data" --tmpdir="$folder/tmp" \
+    --socket="$folder/server.sock" --pid-file="$folder/server.pid" \
+    --init-file="$folder/init.sql" --skip-networking --skip-log-bin \
+    --character-set-server=utf8mb4 --collation-server=utf8mb4_bin \
+    --innodb-log-file-size=8M --innodb-flush-log-at-trx-commit=0 \
+    --max-allowed-packet=64M --skip-name-resolve
+  await_ready "$(mariadb_admin)" --no-defaults --socket="$folder/server.sock" \
+    --user=zirdb ping
+}
+
 start_postgres() {
   local bin
   bin="$(postgres_folder)"
@@ -215,24 +274,20 @@ start_postgres() {
   (cd "$folder" && "${as_account[@]}" "$bin/initdb" -D "$folder/data" \
     -U zirdb --auth=trust --encoding=UTF8 --locale=C.UTF-8 --no-sync) \
     >>"$log_file" 2>&1 || fail "initdb failed"
-  run_server "${as_account[@]}" "$bin/postgres" -D "$folder/data" \
-    -c listen_addresses= -c "unix_socket_directories=$folder/socket" \
-    -c fsync=off -c synchronous_commit=off -c full_page_writes=off \
-    -c log_min_messages=warning
+  # Everybody is let in, but the members of this role with a password only.
+  "${as_account[@]}" sed -i '1i local all +zirdb_passworded scram-sha-256' \
+    "$folder/data/pg_hba.conf"
   sed 's/^\( *CommLog *= *\)1/\10/' "$(driver_table)" >"$workdir/odbcinst.ini"
-  await_ready "$bin/pg_isready" --host="$folder/socket" --username=zirdb \
-    --dbname=postgres
+  serve_postgres
   echo "Driver={PostgreSQL Unicode};Servername=$folder/socket;Port=5432;\
 Database=postgres;UID=zirdb" >"$connection_file"
 }
 
 start_mariadb() {
-  local server install admin
-  server="$(mariadb_server)"
+  local install
   install="$(command -v mariadb-install-db || command -v mysql_install_db ||
     true)"
-  admin="$(command -v mariadb-admin || command -v mysqladmin || true)"
-  [[ -n $server && -n $install && -n $admin ]] ||
+  [[ -n $(mariadb_server) && -n $install && -n $(mariadb_admin) ]] ||
     skip "no MariaDB server is installed"
   require_driver "MariaDB Unicode"
   make_folder
@@ -240,8 +295,8 @@ start_mariadb() {
   chmod 700 "$folder"
   mkdir "$folder/data" "$folder/tmp"
   cat >"$folder/init.sql" <<SQL
-CREATE DATABASE zirdb;
-CREATE USER zirdb@localhost;
+CREATE DATABASE IF NOT EXISTS zirdb;
+CREATE USER IF NOT EXISTS zirdb@localhost;
 GRANT ALL ON *.* TO zirdb@localhost;
 SQL
   [[ ${#as_account[@]} -eq 0 ]] || chown -R "$run_account" "$folder"
@@ -250,15 +305,7 @@ SQL
     --tmpdir="$folder/tmp" --auth-root-authentication-method=normal \
     --skip-test-db --innodb-log-file-size=8M \
     >>"$log_file" 2>&1 || fail "$install failed"
-  run_server "${as_account[@]}" "$server" --no-defaults \
-    --datadir="$folder/data" --tmpdir="$folder/tmp" \
-    --socket="$folder/server.sock" --pid-file="$folder/server.pid" \
-    --init-file="$folder/init.sql" --skip-networking --skip-log-bin \
-    --character-set-server=utf8mb4 --collation-server=utf8mb4_bin \
-    --innodb-log-file-size=8M --innodb-flush-log-at-trx-commit=0 \
-    --max-allowed-packet=64M --skip-name-resolve
-  await_ready "$admin" --no-defaults --socket="$folder/server.sock" \
-    --user=zirdb ping
+  serve_mariadb
   echo "Driver={MariaDB Unicode};SOCKET=$folder/server.sock;\
 DATABASE=zirdb;UID=zirdb;CHARSET=utf8mb4" >"$connection_file"
 }
@@ -271,5 +318,7 @@ case "$action" in
     "start_$kind"
     ;;
   stop) stop_server ;;
+  halt) halt_server ;;
+  resume) resume_server ;;
   *) usage ;;
 esac
