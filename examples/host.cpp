@@ -6,12 +6,9 @@
 //   REGISTRY=build/release/registry host [CONNECTION]
 //       the ODBC connection string; an SQLite database in memory by default
 
-#include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
-#include <vector>
 
 #include "late_bound.h"
 
@@ -88,8 +85,9 @@ void handle_an_error(const Object& connection) {
   try {
     connection.call("Execute", "SELECT * FROM nowhere");
   } catch (const Error& error) {
-    std::printf("%08X from %s: %s\n", static_cast<unsigned>(error.code()),
-                error.source().c_str(), error.what());
+    std::cout << std::hex << std::uppercase
+              << static_cast<unsigned>(error.code()) << " from "
+              << error.source() << ": " << error.what() << '\n';
   }
 }
 
@@ -104,7 +102,6 @@ int main(int argc, char** argv) {
     raise_prices(connection);
     walk_with_for_each(connection);
     walk_with_move_next(connection);
-    std::cout << std::flush;
     handle_an_error(connection);
     connection.call("Close");
     return 0;

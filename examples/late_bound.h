@@ -8,7 +8,7 @@
 //   connection.call("Open", "Driver=SQLite3;Database=shop.db");
 //   Object rows = connection.call("Execute", "SELECT * FROM item").object();
 //   rows.call("forEach", callback([](const Object& fields) {
-//     std::cout << fields("name").text() << '\n';
+//     std::cout << fields("name").object().get("Value").text() << '\n';
 //   }));
 //
 // Sections: errors; texts; values; objects; callbacks.
@@ -19,12 +19,17 @@
 #ifndef LATE_BOUND_H
 #define LATE_BOUND_H
 
+#include <cxxabi.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -57,10 +62,11 @@ class Error : public std::runtime_error {
 };
 
 /// An Error for a code without a description.
-inline Error plain_error(HRESULT code, const std::string& doing) {
+inline Error plain_error(HRESULT code, const std::string& doing,
+                         const std::string& source = "") {
   char text[16];
   std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(code));
-  return {code, "", doing + ": code " + text};
+  return {code, source, doing + ": code " + text};
 }
 
 inline void check(HRESULT result, const std::string& doing) {
@@ -71,7 +77,11 @@ inline void check(HRESULT result, const std::string& doing) {
 // Texts
 // ---------------------------------------------------------------------------
 
+/// Throws for what is not UTF-8, and for a zero, where a text would end.
 inline std::wstring wide(const std::string& utf8) {
+  if (utf8.find('\0') != std::string::npos) {
+    throw Error(E_INVALIDARG, "", "a text holds a zero");
+  }
   const std::size_t size = utf8_utf32(nullptr, 0, utf8.c_str());
   if (size == 0) throw Error(E_INVALIDARG, "", "a text is not UTF-8");
   std::wstring text(size - 1, L'\0');
@@ -104,9 +114,16 @@ class Value {
   template <class Number, std::enable_if_t<std::is_arithmetic_v<Number> ||
                                                std::is_enum_v<Number>,
                                            int> = 0>
-  Value(Number number) : variant_(number) {}
+  Value(Number number) : variant_(number) {
+    if constexpr (std::is_integral_v<Number>) {
+      // Integers have 64 bits and a sign.
+      if (number > 0 && variant_.vt == VT_I8 && variant_.llVal < 0) {
+        throw std::out_of_range("a number too large for a value");
+      }
+    }
+  }
   Value(const char* utf8) : variant_(wide(utf8).c_str()) {}
-  Value(const std::string& utf8) : Value(utf8.c_str()) {}
+  Value(const std::string& utf8) : variant_(wide(utf8).c_str()) {}
   Value(const Bytes& bytes);
   Value(const Object& object);
   Value(const std::vector<Value>& elements);
@@ -114,7 +131,8 @@ class Value {
   explicit Value(_variant_t variant) : variant_(std::move(variant)) {}
 
   /// Stands for `value`, which must outlive it: what a member stores in its
-  /// argument arrives there.
+  /// argument arrives there. Arguments that are passed without this are copied,
+  /// arrays with all their elements.
   static Value reference_to(Value& value) {
     Value reference;
     reference.variant_.vt = VT_BYREF | VT_VARIANT;
@@ -139,10 +157,11 @@ class Value {
   const VARIANT& variant() const { return variant_; }
 
  private:
-  // The elements of an array of `type`, which a value of any other is not.
+  // The elements of an array of `type` with one dimension.
   template <class Element>
   std::vector<Element> elements_of(VARTYPE type) const {
-    if (variant_.vt != (VT_ARRAY | type)) {
+    if (variant_.vt != (VT_ARRAY | type) || variant_.parray == nullptr ||
+        variant_.parray->cDims != 1) {
       throw plain_error(DISP_E_TYPEMISMATCH, "reading an array");
     }
     LONG lower = 0;
@@ -158,6 +177,9 @@ class Value {
   // An array of `type` with these elements, moved into it one by one.
   template <class Element, class Elements, class Store>
   void make_array(VARTYPE type, const Elements& elements, Store store) {
+    if (elements.size() > std::numeric_limits<std::uint32_t>::max()) {
+      throw std::length_error("too many elements for an array");
+    }
     variant_.parray = SafeArrayCreateVector(
         type, 0, static_cast<std::uint32_t>(elements.size()));
     if (variant_.parray == nullptr) throw std::bad_alloc();
@@ -200,6 +222,7 @@ class Object {
                       " (does REGISTRY name the registry folder?)");
   }
 
+  explicit operator bool() const { return static_cast<bool>(dispatch_); }
   IDispatch* dispatch() const { return dispatch_.get(); }
 
   /// Calls a method, or reads a property, with the arguments in their order.
@@ -222,11 +245,18 @@ class Object {
   }
 
  private:
+  IDispatch* required(const char* member) const {
+    if (!dispatch_) {
+      throw Error(E_INVALIDARG, "", std::string(member) + ": no object");
+    }
+    return dispatch_.get();
+  }
+
   DISPID id_of(const char* member) const {
     std::wstring name = wide(member);
     wchar_t* text = name.data();
     DISPID id = DISPID_UNKNOWN;
-    check(dispatch_->GetIDsOfNames(IID_NULL, &text, 1, 0, &id), member);
+    check(required(member)->GetIDsOfNames(IID_NULL, &text, 1, 0, &id), member);
     return id;
   }
 
@@ -247,9 +277,9 @@ class Object {
     }
     _variant_t result;
     Exception exception;
-    const HRESULT code =
-        dispatch_->Invoke(id, IID_NULL, 0, flags, &parameters,
-                          puts ? nullptr : &result, &exception.info, nullptr);
+    const HRESULT code = required(member)->Invoke(
+        id, IID_NULL, 0, flags, &parameters, puts ? nullptr : &result,
+        &exception.info, nullptr);
     if (code == DISP_E_EXCEPTION) throw exception.error(member);
     check(code, member);
     return Value(std::move(result));
@@ -261,12 +291,15 @@ class Object {
     Exception& operator=(const Exception&) = delete;
     ~Exception() { ExcepinfoClear(&info); }
 
-    Error error(const char* member) const {
+    Error error(const char* member) {
+      if (info.pfnDeferredFillIn != nullptr) info.pfnDeferredFillIn(&info);
+      // Some objects report a number of their own instead of a code.
+      const HRESULT code = FAILED(info.scode) ? info.scode : E_FAIL;
+      const std::string source = narrow(info.bstrSource);
       if (info.bstrDescription == nullptr) {
-        return plain_error(info.scode, member);
+        return plain_error(code, member, source);
       }
-      return {info.scode, narrow(info.bstrSource),
-              narrow(info.bstrDescription)};
+      return {code, source, narrow(info.bstrDescription)};
     }
 
     EXCEPINFO info = {};
@@ -299,8 +332,9 @@ inline Object Value::object() const {
 
 inline std::vector<Value> Value::elements() const {
   std::vector<Value> values;
-  for (const _variant_t& each : elements_of<_variant_t>(VT_VARIANT)) {
-    values.emplace_back(each);
+  // Not copies: they are the array's.
+  for (const VARIANT& each : elements_of<VARIANT>(VT_VARIANT)) {
+    values.emplace_back(_variant_t(each));
   }
   return values;
 }
@@ -343,25 +377,40 @@ class Callback final : public IDispatch {
     if (info != nullptr) *info = nullptr;
     return E_NOTIMPL;
   }
-  HRESULT GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
+  HRESULT GetIDsOfNames(REFIID, LPOLESTR*, UINT count, LCID,
+                        DISPID* ids) override {
+    if (ids == nullptr) return E_INVALIDARG;
+    std::fill_n(ids, count, DISPID_UNKNOWN);
     return DISP_E_UNKNOWNNAME;
   }
 
-  HRESULT Invoke(DISPID member, REFIID, LCID, WORD, DISPPARAMS* parameters,
-                 VARIANT*, EXCEPINFO* exception, UINT*) override {
-    if (member != DISPID_VALUE) return DISP_E_MEMBERNOTFOUND;
-    if (parameters == nullptr || parameters->cArgs != 1) {
+  HRESULT Invoke(DISPID member, REFIID, LCID, WORD flags,
+                 DISPPARAMS* parameters, VARIANT*, EXCEPINFO* exception,
+                 UINT*) override {
+    if (member != DISPID_VALUE || (flags & DISPATCH_METHOD) == 0) {
+      return DISP_E_MEMBERNOTFOUND;
+    }
+    if (parameters == nullptr || parameters->rgvarg == nullptr ||
+        parameters->cArgs != 1) {
       return DISP_E_BADPARAMCOUNT;
     }
+    // Callers pass variables by reference.
+    const VARIANT* argument = parameters->rgvarg;
+    if (argument->vt == (VT_BYREF | VT_VARIANT)) argument = argument->pvarVal;
+    if (argument == nullptr || argument->vt != VT_DISPATCH) {
+      return DISP_E_TYPEMISMATCH;
+    }
     try {
-      function_(Value(_variant_t(parameters->rgvarg[0])).object());
+      function_(Object(InterfacePtr<IDispatch>::share(argument->pdispVal)));
       return S_OK;
     } catch (const Error& error) {
-      return report(exception, error.code(), error.what());
+      return report(exception, error.code(), error.source(), error.what());
     } catch (const std::exception& error) {
-      return report(exception, E_FAIL, error.what());
+      return report(exception, E_FAIL, "", error.what());
+    } catch (const abi::__forced_unwind&) {
+      throw;  // the thread is being cancelled
     } catch (...) {
-      return report(exception, E_FAIL, "a callback failed");
+      return report(exception, E_FAIL, "", "a callback failed");
     }
   }
 
@@ -370,14 +419,17 @@ class Callback final : public IDispatch {
   ~Callback() = default;
 
   static HRESULT report(EXCEPINFO* exception, HRESULT code,
-                        const char* description) {
+                        const std::string& source,
+                        const std::string& description) {
+    if (SUCCEEDED(code)) code = E_FAIL;
     if (exception == nullptr) return code;
     ExcepinfoClear(exception);
     exception->scode = code;
     try {
+      exception->bstrSource = SysAllocString(wide(source).c_str());
       exception->bstrDescription = SysAllocString(wide(description).c_str());
     } catch (const std::exception&) {
-      return code;  // the description is lost, the failure is not
+      return DISP_E_EXCEPTION;  // texts are lost, the failure is not
     }
     return DISP_E_EXCEPTION;
   }

@@ -22,7 +22,6 @@
 #include <iostream>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "late_bound.h"

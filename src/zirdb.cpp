@@ -367,10 +367,24 @@ BSTR allocate_bstr(std::size_t size) {
 // All of a text. Throws std::bad_alloc, except for the empty text, which is
 // NULL then.
 BSTR bstr_from_wstring(const std::wstring& text) {
-  wchar_t* const copy =
-      SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-  if (copy == nullptr && !text.empty()) throw std::bad_alloc();
+  if (text.empty()) return SysAllocString(L"");
+  wchar_t* const copy = allocate_bstr(text.size());
+  text.copy(copy, text.size());
   return copy;
+}
+
+// What getters store: a copy of all of a text, and a number. E_INVALIDARG
+// without a place for it.
+HRESULT store(const std::wstring& text, BSTR* out) {
+  if (out == nullptr) return E_INVALIDARG;
+  *out = nullptr;
+  *out = bstr_from_wstring(text);
+  return S_OK;
+}
+HRESULT store(long number, long* out) {
+  if (out == nullptr) return E_INVALIDARG;
+  *out = number;
+  return S_OK;
 }
 
 // utf32_from_utf8 as a string of its own. Throws std::bad_alloc, except for the
@@ -429,15 +443,33 @@ HRESULT variant_to_long_long(const VARIANT* value, long long* number) {
   return result;
 }
 
+// A value while it is converted. An object's default member may let go of the
+// value, and of the object with it.
+class HeldValue {
+ public:
+  explicit HeldValue(const VARIANT& value)
+      : value_(value),
+        object_(InterfacePtr<IDispatch>::share(
+            value.vt == VT_DISPATCH ? value.pdispVal : nullptr)) {}
+  const VARIANT& get() const { return value_; }
+
+ private:
+  VARIANT value_;
+  InterfacePtr<IDispatch> object_;
+};
+
 HRESULT variant_to_bstr_value(const VARIANT* value, _bstr_t* text) {
   value = unwrapped(value);
   if (value == nullptr) return E_INVALIDARG;
+  const HeldValue held(*value);
   VARIANT converted = {};
-  const HRESULT result = VariantChangeType(&converted, value, 0, VT_BSTR);
+  const HRESULT result = VariantChangeType(&converted, &held.get(), 0, VT_BSTR);
   if (FAILED(result)) return result;
   if (converted.bstrVal == nullptr) {
     // A copy's lack of memory shows in nothing else.
-    if (value->vt == VT_BSTR && value->bstrVal != nullptr) return E_OUTOFMEMORY;
+    if (held.get().vt == VT_BSTR && held.get().bstrVal != nullptr) {
+      return E_OUTOFMEMORY;
+    }
     converted.bstrVal = allocate_bstr(0);
   }
   *text = _bstr_t(converted.bstrVal, false);
@@ -541,18 +573,10 @@ bool equal_folded(const wchar_t* left, const wchar_t* right) {
 }
 
 // The columns of a result: once complete, immutable and shared by all that read
-// it. Names stay UTF-8 until somebody asks: most results are read by position,
-// or not by all their columns.
+// it, one thread at a time. Names stay UTF-8 until one is searched for: many
+// results are read by position only.
 class ColumnTable {
  public:
-  ColumnTable() = default;
-  ColumnTable(const ColumnTable&) = delete;
-  ColumnTable& operator=(const ColumnTable&) = delete;
-  ~ColumnTable() {
-    delete index_.load();
-    delete columns_.load();
-  }
-
   // While the table is made.
   void reserve(std::size_t count) {
     constexpr std::size_t kUsualName = 16;
@@ -597,26 +621,16 @@ class ColumnTable {
   // How the locale in force folds a letter outside ASCII.
   static std::wint_t witness() { return std::towlower(0xC9); }
 
-  // What `make` makes, at the first call. Several threads may read; the first
-  // one stays.
-  template <class Kept, class Make>
-  static const Kept* kept(std::atomic<const Kept*>& place, Make make) {
-    const Kept* current = place.load(std::memory_order_acquire);
-    if (current != nullptr) return current;
-    std::unique_ptr<const Kept> made = make();
-    if (!place.compare_exchange_strong(current, made.get())) return current;
-    return made.release();
-  }
-
   const Columns& decoded() const {
-    return *kept(columns_, [this] {
-      auto columns = std::make_unique<Columns>();
-      columns->reserve(size());
+    if (columns_.empty()) {
+      Columns columns;
+      columns.reserve(size());
       for (std::size_t i = 0; i < size(); ++i) {
-        columns->push_back({utf32_from_utf8(name(i)), entries_[i].sql_type});
+        columns.push_back({utf32_from_utf8(name(i)), entries_[i].sql_type});
       }
-      return columns;
-    });
+      columns_ = std::move(columns);
+    }
+    return columns_;
   }
 
   // The index is made at the first search, and only for the locale in force
@@ -624,20 +638,17 @@ class ColumnTable {
   // capital "i", is served by the search itself.
   const NameIndex* usable_index(const Columns& columns) const {
     if (std::towlower(L'I') != L'i') return nullptr;
-    const NameIndex* const index =
-        kept(index_, [&columns] { return make_index(columns); });
-    return index->witness == witness() ? index : nullptr;
+    if (index_.slots.empty()) index_ = make_index(columns);
+    return index_.witness == witness() ? &index_ : nullptr;
   }
 
-  static std::unique_ptr<NameIndex> make_index(const Columns& columns) {
-    auto index = std::make_unique<NameIndex>();
+  static NameIndex make_index(const Columns& columns) {
     std::size_t size = 4;
     while (size < 2 * columns.size()) size *= 2;
-    index->slots.resize(size);
-    index->witness = witness();
+    NameIndex index = {std::vector<std::uint32_t>(size), witness()};
     for (std::size_t i = 0; i < columns.size(); ++i) {
       const wchar_t* const name = columns[i].name.c_str();
-      std::uint32_t& slot = index->slots[slot_of(*index, columns, name)];
+      std::uint32_t& slot = index.slots[slot_of(index, columns, name)];
       if (slot == 0) slot = static_cast<std::uint32_t>(i + 1);
     }
     return index;
@@ -677,8 +688,8 @@ class ColumnTable {
 
   std::string names_;  // each with a zero behind it
   std::vector<Entry> entries_;
-  mutable std::atomic<const Columns*> columns_{nullptr};
-  mutable std::atomic<const NameIndex*> index_{nullptr};
+  mutable Columns columns_;
+  mutable NameIndex index_;
 };
 
 // One value of a row. Texts and blobs lie in the store.
@@ -926,6 +937,11 @@ class _dispparams_wrapper_t {
     return *this;
   }
 
+  // For an argument whose value means nothing.
+  void require_number(int i) {
+    static_cast<void>(static_cast<long long>((*this)(i)));
+  }
+
   explicit operator long long() const {
     long long number = 0;
     check(SUCCEEDED(variant_to_long_long(m_pv, &number)));
@@ -939,8 +955,10 @@ class _dispparams_wrapper_t {
   }
   // Never NULL; the reference stays the caller's.
   explicit operator IDispatch*() const {
-    check(m_pv != nullptr && m_pv->vt == VT_DISPATCH &&
-          m_pv->pdispVal != nullptr);
+    if (m_pv == nullptr || m_pv->vt != VT_DISPATCH ||
+        m_pv->pdispVal == nullptr) {
+      throw _com_error(DISP_E_TYPEMISMATCH);
+    }
     return m_pv->pdispVal;
   }
   // NULL for a reference that leads nowhere.
@@ -1110,10 +1128,13 @@ struct Get<kOperation> {
 };
 
 // The value that an argument stands for. A reference that leads nowhere is a
-// value like any other.
+// value like any other; what it leads through on the way is the caller's.
 VARIANT stored_value(_dispparams_wrapper_t& arguments, int i) {
   const auto* const value = static_cast<VARIANT*>(arguments(i));
-  return value != nullptr ? *value : *arguments.raw(i);
+  if (value != nullptr) return *value;
+  VARIANT nowhere = {};
+  nowhere.vt = kReference;
+  return nowhere;
 }
 
 template <auto kOperation>
@@ -1268,24 +1289,38 @@ class AutomationObject : public Interface, public IDispatch {
   std::atomic<std::uint32_t> ref_count_{1};
 };
 
+// The virtual table with which objects of a class begin; NULL before the first.
+template <class Object>
+std::atomic<const void*> g_table_of{nullptr};
+
+const void* table_of(const void* object) {
+  const void* table = nullptr;
+  std::memcpy(&table, object, sizeof table);
+  return table;
+}
+
 // Makes an object. Nothing but a lack of memory can go wrong, and that before
 // it is counted.
 template <class Object, class... Arguments>
 InterfacePtr<Object> make(Arguments&&... arguments) {
   static_assert(std::is_nothrow_constructible_v<Object, Arguments...>);
-  return InterfacePtr<Object>::adopt(
-      new Object(std::forward<Arguments>(arguments)...));
+  auto* const object = new Object(std::forward<Arguments>(arguments)...);
+  const void* const table = table_of(object);
+  if (g_table_of<Object>.load(std::memory_order_relaxed) != table) {
+    g_table_of<Object>.store(table, std::memory_order_relaxed);
+  }
+  return InterfacePtr<Object>::adopt(object);
 }
 
 // The object behind an interface, if it is one of this class; NULL for any
-// other implementation. Compares what dynamic_cast would look at, because that
-// cannot be asked about an object that was compiled without type information.
+// other implementation. Not by dynamic_cast: an object that was made by hand or
+// in another language has a table without type information.
 template <class Object, class Interface>
 Object* own(Interface* object) {
   static_assert(std::is_final_v<Object>);
-  const auto* const vtable =
-      *reinterpret_cast<const std::type_info* const* const*>(object);
-  return vtable[-1] == &typeid(Object) ? static_cast<Object*>(object) : nullptr;
+  return table_of(object) == g_table_of<Object>.load(std::memory_order_relaxed)
+             ? static_cast<Object*>(object)
+             : nullptr;
 }
 
 // ---------------------------------------------------------------------------
@@ -1575,7 +1610,7 @@ class ConnectionObject final
                           std::vector<ZirdbOdbcParameter>* parameters,
                           InterfacePtr<RecordsetObject>* recordset);
 
-  // Called by a recordset that goes.
+  // Called when a recordset is destroyed.
   void unregister_recordset(RecordsetObject& recordset) noexcept;
 
  private:
@@ -1629,14 +1664,15 @@ class CommandObject final
 
   void set_connection(InterfacePtr<IZIRDBConnection> connection,
                       InterfacePtr<IDispatch> dispatch);
-  // `array` is the script's array that the parameters were made from, if any.
-  HRESULT ExecuteWithParameters(VARIANT* rows_affected, long options,
-                                const DbParameterList& parameters,
-                                SAFEARRAY* array,
-                                InterfacePtr<IZIRDBRecordset>* recordset);
   HRESULT create_parameter(BSTR name, long type, long direction, long size,
                            const VARIANT& value,
                            InterfacePtr<ParameterObject>* parameter);
+  // `array` is the script's array that the parameters were made from, if any.
+  // It may be gone when the statement has run.
+  HRESULT ExecuteWithParameters(VARIANT* rows_affected, long options,
+                                const DbParameterList& parameters,
+                                const VARIANT* array,
+                                InterfacePtr<IZIRDBRecordset>* recordset);
   HRESULT ExecuteDispatchParameterArray(
       VARIANT* rows_affected, long options, const VARIANT* array,
       InterfacePtr<IZIRDBRecordset>* recordset);
@@ -1782,11 +1818,8 @@ HRESULT db_parameter_to_odbc_parameter(const DbParameter& parameter,
     if (given == nullptr || given->vt == VT_EMPTY || given->vt == VT_NULL) {
       return S_OK;
     }
-    // An object's default member may put another value.
-    const VARIANT value = *given;
-    const auto held = InterfacePtr<IDispatch>::share(
-        value.vt == VT_DISPATCH ? value.pdispVal : nullptr);
-    return odbc_value(value, parameter.type, &odbc->value);
+    const HeldValue held(*given);
+    return odbc_value(held.get(), parameter.type, &odbc->value);
   });
 }
 
@@ -1869,17 +1902,23 @@ void clear_output_parameters(const DbParameterList& parameters) {
 // made from them.
 HRESULT write_back_parameter_array(SAFEARRAY* array,
                                    const DbParameterList& parameters) {
-  const FirstDimension<VARIANT> elements(array);
-  if (FAILED(elements.result())) return elements.result();
-  const std::size_t count = std::min(elements.size(), parameters.size());
-  for (std::size_t i = 0; i < count; ++i) {
-    if (parameters[i] == nullptr) continue;
-    _variant_t value;
-    const HRESULT copied = copy_variant(parameters[i]->value, &value);
-    if (FAILED(copied)) return copied;
-    replace(elements[i], value);
-  }
-  return S_OK;
+  return without_bad_alloc([&] {
+    // Freed when the array is unlocked again: that may run foreign code, which
+    // may let go of the array.
+    std::vector<_variant_t> old;
+    old.reserve(parameters.size());
+    const FirstDimension<VARIANT> elements(array);
+    if (FAILED(elements.result())) return elements.result();
+    const std::size_t count = std::min(elements.size(), parameters.size());
+    for (std::size_t i = 0; i < count; ++i) {
+      if (parameters[i] == nullptr) continue;
+      _variant_t& value = old.emplace_back();
+      const HRESULT copied = copy_variant(parameters[i]->value, &value);
+      if (FAILED(copied)) return copied;
+      replace(elements[i], value);
+    }
+    return S_OK;
+  });
 }
 
 // Describes the parameter that a script's value stands for: one of an array or
@@ -1961,10 +2000,7 @@ Members<ParameterObject> ParameterObject::members() {
 HRESULT ParameterObject::get_Name(BSTR* name) {
   return guarded([&] {
     if (parameter_ == nullptr) return E_UNEXPECTED;
-    if (name == nullptr) return E_INVALIDARG;
-    *name = nullptr;
-    *name = bstr_from_wstring(parameter_->name);
-    return S_OK;
+    return store(parameter_->name, name);
   });
 }
 
@@ -1997,9 +2033,7 @@ HRESULT ParameterObject::put_Value(VARIANT value) {
 
 HRESULT get_number(const DbParameter* parameter,
                    std::int64_t DbParameter::*field, long* out) {
-  if (out == nullptr || parameter == nullptr) return E_INVALIDARG;
-  *out = parameter->*field;
-  return S_OK;
+  return parameter != nullptr ? store(parameter->*field, out) : E_INVALIDARG;
 }
 
 HRESULT put_number(DbParameter* parameter, std::int64_t DbParameter::*field,
@@ -2485,9 +2519,7 @@ HRESULT RecordsetObject::make_fields(InterfacePtr<FieldsObject>* fields) {
 
 HRESULT RecordsetObject::get_State(long* state) {
   return guarded([&] {
-    if (state == nullptr) return E_INVALIDARG;
-    *state = open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED;
-    return S_OK;
+    return store(open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED, state);
   });
 }
 
@@ -2702,8 +2734,8 @@ class StatementReader {
   std::wstring_view rest_;
 };
 
-// Takes a statement with parameters, which is the one procedure that may be
-// called by hand with them.
+// This procedure runs a statement that it is given, with the values for it: a
+// text that calls it is no more a procedure call than that statement is.
 constexpr std::wstring_view kExecuteSql = L"sp_executesql";
 
 // "{CALL p" or "{? = CALL p".
@@ -2726,14 +2758,16 @@ bool command_looks_like_simple_stored_proc_text(std::wstring_view text) {
   return is_call_escape(text);
 }
 
-// Deliberate: exactly these beginnings, blanks included.
+// Deliberate: only as programs spell it that write this call themselves. Such
+// a call declares its values in its own text.
 bool command_suppresses_parameter_writeback(std::wstring_view text) {
   const StatementReader reader(text);
   return reader.is_at(L"{CALL sp_executesql(") ||
          reader.is_at(L"{? = CALL sp_executesql(");
 }
 
-// Deliberate: they are refused parameters.
+// Whether the last part of a procedure's name is that of one of the server's
+// own. Their parameters have names and defaults, which markers do not reach.
 bool is_system_procedure(std::wstring_view text) {
   StatementReader reader(text);
   std::wstring_view name = reader.skip_blanks().rest();
@@ -2749,14 +2783,12 @@ bool is_system_procedure(std::wstring_view text) {
 // Connection
 // ---------------------------------------------------------------------------
 
-// Both forms of execution look for DISPATCH_METHOD first, themselves.
-constexpr Shape kOpen = {0, 4, DISPATCH_METHOD, false, DISP_E_MEMBERNOTFOUND};
-constexpr Shape kExecute = {1, 3, 0, true, E_INVALIDARG};
-constexpr Shape kExecuteWithValues = {1, std::numeric_limits<UINT>::max(), 0,
-                                      true, E_INVALIDARG};
-
 Members<ConnectionObject> ConnectionObject::members() {
   using Self = ConnectionObject;
+  static constexpr Shape kOpen = {0, 4, DISPATCH_METHOD, false,
+                                  DISP_E_MEMBERNOTFOUND};
+  // Without DISPATCH_METHOD the number of arguments does not matter: both forms
+  // of execution look for themselves.
   static constexpr Member<Self> kMembers[] = {
       {L"ConnectionString", DISPID_ZIRDB_CONNECTION_CONNECTIONSTRING, kGet,
        Get<&Self::get_ConnectionString>::answer,
@@ -2778,12 +2810,7 @@ ConnectionObject::~ConnectionObject() {
 }
 
 HRESULT ConnectionObject::get_ConnectionString(BSTR* connection_string) {
-  return guarded([&] {
-    if (connection_string == nullptr) return E_INVALIDARG;
-    *connection_string = nullptr;
-    *connection_string = bstr_from_wstring(connection_string_);
-    return S_OK;
-  });
+  return guarded([&] { return store(connection_string_, connection_string); });
 }
 
 HRESULT ConnectionObject::put_ConnectionString(BSTR connection_string) {
@@ -2796,9 +2823,7 @@ HRESULT ConnectionObject::put_ConnectionString(BSTR connection_string) {
 
 HRESULT ConnectionObject::get_State(long* state) {
   return guarded([&] {
-    if (state == nullptr) return E_INVALIDARG;
-    *state = open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED;
-    return S_OK;
+    return store(open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED, state);
   });
 }
 
@@ -2883,22 +2908,6 @@ void ConnectionObject::invalidate_recordsets() noexcept {
   }
 }
 
-// A place where the number of affected rows can go, even if it leads nowhere.
-bool is_count_target(const VARIANT& value) {
-  switch (value.vt) {
-    case VT_BYREF | VT_I2:
-    case VT_BYREF | VT_I4:
-    case VT_BYREF | VT_VARIANT:
-    case VT_BYREF | VT_UI2:
-    case VT_BYREF | VT_UI4:
-    case VT_BYREF | VT_I8:
-    case VT_BYREF | VT_UI8:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // Hosts refer to anything that they have, aligned or not.
 template <class Integer>
 void store_count(void* target, std::int64_t count) {
@@ -2906,7 +2915,7 @@ void store_count(void* target, std::int64_t count) {
   std::memcpy(target, &stored, sizeof stored);
 }
 
-// What a variant held is freed last, which may run foreign code.
+// What the variant held is freed last, which may run foreign code.
 void store_count_in_variant(void* target, std::int64_t count) {
   VARIANT stored = {};
   stored.vt = VT_I8;
@@ -2918,34 +2927,44 @@ void store_count_in_variant(void* target, std::int64_t count) {
   freed.Attach(held);
 }
 
-void store_rows_affected(VARIANT* target, std::int64_t count) {
-  if (target == nullptr || !is_count_target(*target) ||
-      target->byref == nullptr) {
-    return;
-  }
-  switch (target->vt & ~VT_BYREF) {
-    case VT_I2:
-    case VT_UI2:
-      return store_count<std::uint16_t>(target->byref, count);
-    case VT_UI4:
-      return store_count<std::uint32_t>(target->byref, count);
-    case VT_VARIANT:
-      return store_count_in_variant(target->byref, count);
+// How the number of affected rows is stored through a reference of this type;
+// NULL for a type through which it is not.
+auto count_writer(VARTYPE type) -> void (*)(void* target, std::int64_t count) {
+  switch (type) {
+    case VT_BYREF | VT_I2:
+    case VT_BYREF | VT_UI2:
+      return store_count<std::uint16_t>;
+    case VT_BYREF | VT_UI4:
+      return store_count<std::uint32_t>;
+    case VT_BYREF | VT_I4:
+    case VT_BYREF | VT_I8:
+    case VT_BYREF | VT_UI8:
+      return store_count<std::uint64_t>;
+    case VT_BYREF | VT_VARIANT:
+      return store_count_in_variant;
     default:
-      return store_count<std::int64_t>(target->byref, count);
+      return nullptr;
+  }
+}
+
+void store_rows_affected(const VARIANT* target, std::int64_t count) {
+  if (target == nullptr || target->byref == nullptr) return;
+  if (auto* const write = count_writer(target->vt)) {
+    write(target->byref, count);
   }
 }
 
 HRESULT ConnectionObject::Execute(BSTR text, VARIANT* rows_affected,
                                   long /*options*/,
                                   IZIRDBRecordset** recordset) {
-  clear_db_error();
-  if (recordset == nullptr) return E_INVALIDARG;
-  *recordset = nullptr;
-  InterfacePtr<RecordsetObject> made;
-  const HRESULT result = ExecuteInternal(text, rows_affected, nullptr, &made);
-  *recordset = made.detach();
-  return result;
+  return guarded([&] {
+    if (recordset == nullptr) return E_INVALIDARG;
+    *recordset = nullptr;
+    InterfacePtr<RecordsetObject> made;
+    const HRESULT result = ExecuteInternal(text, rows_affected, nullptr, &made);
+    *recordset = made.detach();
+    return result;
+  });
 }
 
 HRESULT ConnectionObject::ExecuteInternal(
@@ -3003,21 +3022,20 @@ HRESULT give_recordset(const Call& call,
 
 HRESULT ConnectionObject::invoke_execute(ConnectionObject& self, Call& call) {
   if (!call.has(DISPATCH_METHOD)) return DISP_E_MEMBERNOTFOUND;
+  static constexpr Shape kExecute = {1, 3, 0, true, E_INVALIDARG};
   const HRESULT admitted = admit(kExecute, call);
   if (FAILED(admitted)) return admitted;
   const auto held = InterfacePtr<ConnectionObject>::share(&self);
   const auto text = static_cast<_bstr_t>(call.arguments(0));
   VARIANT* rows_affected = nullptr;
   if (call.arguments.count() > 1) {
-    if (is_count_target(*call.arguments.raw(1))) {
+    if (count_writer(call.arguments.raw(1)->vt) != nullptr) {
       rows_affected = call.arguments.raw(1);
     } else {
-      static_cast<void>(static_cast<long long>(call.arguments(1)));
+      call.arguments.require_number(1);
     }
   }
-  if (call.arguments.count() > 2) {
-    static_cast<void>(static_cast<long long>(call.arguments(2)));
-  }
+  if (call.arguments.count() > 2) call.arguments.require_number(2);
   InterfacePtr<RecordsetObject> recordset;
   const HRESULT result =
       self.ExecuteInternal(text.m_s, rows_affected, nullptr, &recordset);
@@ -3078,7 +3096,9 @@ HRESULT ConnectionObject::ExecuteWithParameters(
 // The connection's default member. Nothing comes back through its arguments.
 HRESULT ConnectionObject::invoke_value(ConnectionObject& self, Call& call) {
   if (!call.has(DISPATCH_METHOD)) return DISP_E_MEMBERNOTFOUND;
-  const HRESULT admitted = admit(kExecuteWithValues, call);
+  static constexpr Shape kExecute = {1, std::numeric_limits<UINT>::max(), 0,
+                                     true, E_INVALIDARG};
+  const HRESULT admitted = admit(kExecute, call);
   if (FAILED(admitted)) return admitted;
   const auto held = InterfacePtr<ConnectionObject>::share(&self);
   const auto text = static_cast<_bstr_t>(call.arguments(0));
@@ -3201,9 +3221,11 @@ HRESULT resolve_connection_interfaces(
     default:
       return DISP_E_TYPEMISMATCH;
   }
+  if (!object) return S_OK;
   *connection = object.query<IZIRDBConnection>(IID_IZIRDBConnection);
+  if (!*connection) return DISP_E_TYPEMISMATCH;
   *dispatch = object.query<IDispatch>(IID_IDispatch);
-  return object && (!*connection || !*dispatch) ? DISP_E_TYPEMISMATCH : S_OK;
+  return *dispatch ? S_OK : DISP_E_TYPEMISMATCH;
 }
 
 HRESULT CommandObject::invoke_put_active_connection(CommandObject& self,
@@ -3219,12 +3241,7 @@ HRESULT CommandObject::invoke_put_active_connection(CommandObject& self,
 }
 
 HRESULT CommandObject::get_CommandText(BSTR* text) {
-  return guarded([&] {
-    if (text == nullptr) return E_INVALIDARG;
-    *text = nullptr;
-    *text = bstr_from_wstring(command_text_);
-    return S_OK;
-  });
+  return guarded([&] { return store(command_text_, text); });
 }
 
 HRESULT CommandObject::put_CommandText(BSTR text) {
@@ -3235,11 +3252,7 @@ HRESULT CommandObject::put_CommandText(BSTR text) {
 }
 
 HRESULT CommandObject::get_CommandType(long* type) {
-  return guarded([&] {
-    if (type == nullptr) return E_INVALIDARG;
-    *type = command_type_;
-    return S_OK;
-  });
+  return guarded([&] { return store(command_type_, type); });
 }
 
 HRESULT CommandObject::put_CommandType(long type) {
@@ -3334,8 +3347,10 @@ HRESULT CommandObject::Execute(VARIANT* rows_affected, long options,
   });
 }
 
-// The statement that carries out a command's text. Deliberate: what is refused
-// here would mean something else to every server.
+// The statement that carries out a command's text. Deliberate: a text that
+// calls a procedure takes no parameters, and no other text takes outputs;
+// programs expect these refusals, and set the command's type to have calls
+// built.
 HRESULT prepare_statement(const std::wstring& text, std::int64_t type,
                           bool from_array,
                           const std::vector<ZirdbOdbcParameter>& parameters,
@@ -3409,10 +3424,11 @@ HRESULT execute_on(IZIRDBConnection* connection, const std::wstring& sql,
 }
 
 // What came back from a statement that ran goes to its parameters, and from
-// there to the script's array, if they were made from one.
+// there to the script's array, if they were made from one and it is still
+// there.
 HRESULT take_values_back(const DbParameterList& parameters,
                          const std::vector<ZirdbOdbcParameter>& odbc,
-                         bool suppressed, SAFEARRAY* array) {
+                         bool suppressed, const VARIANT* array) {
   if (suppressed) {
     clear_output_parameters(parameters);
   } else {
@@ -3421,8 +3437,9 @@ HRESULT take_values_back(const DbParameterList& parameters,
       return set_db_error(written, kCommandSource, kResultText);
     }
   }
-  if (array == nullptr) return S_OK;
-  const HRESULT written = write_back_parameter_array(array, parameters);
+  SAFEARRAY* const elements = array_of_values(array);
+  if (elements == nullptr) return S_OK;
+  const HRESULT written = write_back_parameter_array(elements, parameters);
   return FAILED(written)
              ? set_db_error(written, kCommandSource, kArrayResultText)
              : S_OK;
@@ -3430,7 +3447,7 @@ HRESULT take_values_back(const DbParameterList& parameters,
 
 HRESULT CommandObject::ExecuteWithParameters(
     VARIANT* rows_affected, long options, const DbParameterList& parameters,
-    SAFEARRAY* array, InterfacePtr<IZIRDBRecordset>* recordset) {
+    const VARIANT* array, InterfacePtr<IZIRDBRecordset>* recordset) {
   // Values and connections may run a script, which may change this command or
   // let it go. What is executed is what it was before.
   const InterfacePtr<IZIRDBConnection> connection = active_connection_;
@@ -3448,6 +3465,9 @@ HRESULT CommandObject::ExecuteWithParameters(
   std::wstring sql;
   result = prepare_statement(text, type, array != nullptr, odbc, &sql);
   if (FAILED(result)) return result;
+  // Made now: a statement that has run must not fail for want of it.
+  auto without_columns =
+      make<RecordsetObject>(RecordsetObject::WithoutColumns{});
   InterfacePtr<IZIRDBRecordset> made;
   result =
       execute_on(connection.get(), sql, rows_affected, options, odbc, &made);
@@ -3460,8 +3480,7 @@ HRESULT CommandObject::ExecuteWithParameters(
                             array);
   if (FAILED(result)) return result;
   if (!made) {
-    made = InterfacePtr<IZIRDBRecordset>::adopt(
-        make<RecordsetObject>(RecordsetObject::WithoutColumns{}).detach());
+    made = InterfacePtr<IZIRDBRecordset>::adopt(without_columns.detach());
   }
   *recordset = std::move(made);
   return S_OK;
@@ -3473,44 +3492,57 @@ HRESULT CommandObject::ExecuteDispatchParameterArray(
   DbParameterList parameters;
   const HRESULT built = build_dispatch_execute_parameters(array, &parameters);
   if (FAILED(built)) return set_db_error(built, kCommandSource, kArrayText);
-  return ExecuteWithParameters(rows_affected, options, parameters,
-                               array_of_values(array), recordset);
+  return ExecuteWithParameters(rows_affected, options, parameters, array,
+                               recordset);
 }
 
-// A script may pass an array of values at any position. What else it passes is
-// RecordsAffected, then Options; it may leave both out.
-HRESULT CommandObject::invoke_execute(CommandObject& self, Call& call) {
-  // Reading an argument, and what a value or a connection does, may let this
-  // go.
-  const auto held = InterfacePtr<CommandObject>::share(&self);
-  const int count = static_cast<int>(call.arguments.count());
+// What a script passes to a command's Execute: an array of values at any
+// position and, of the rest, RecordsAffected and then Options. A missing
+// Options leaves its place to the next argument, because other programs have
+// the array between the two; what comes behind is not looked at.
+struct ExecuteArguments {
   const VARIANT* array = nullptr;
   VARIANT* rows_affected = nullptr;
   long options = 0;
-  for (int i = 0; i < count; ++i) {
-    VARIANT* const argument = call.arguments.raw(i);
+};
+
+ExecuteArguments execute_arguments(_dispparams_wrapper_t& arguments) {
+  ExecuteArguments found;
+  bool has_options = false;
+  for (int i = 0; i < static_cast<int>(arguments.count()); ++i) {
+    VARIANT* const argument = arguments.raw(i);
     if (array_of_values(argument) != nullptr) {
-      if (array != nullptr) return DISP_E_TYPEMISMATCH;
-      array = argument;
-    } else if (rows_affected == nullptr) {
-      rows_affected = argument;
-    } else if (const VARIANT* const given = unwrapped<const VARIANT>(argument);
-               given == nullptr || given->vt != VT_ERROR) {
-      options = static_cast<long>(static_cast<long long>(call.arguments(i)));
+      if (found.array != nullptr) throw _com_error(DISP_E_TYPEMISMATCH);
+      found.array = argument;
+    } else if (found.rows_affected == nullptr) {
+      found.rows_affected = argument;
+    } else if (!has_options) {
+      const auto* const given = static_cast<VARIANT*>(arguments(i));
+      if (given != nullptr && given->vt == VT_ERROR) continue;
+      found.options = static_cast<long>(static_cast<long long>(arguments(i)));
+      has_options = true;
     }
   }
-  // Whatever reading the arguments may have left behind.
-  clear_db_error();
+  return found;
+}
+
+HRESULT CommandObject::invoke_execute(CommandObject& self, Call& call) {
+  // What a value or a connection does may let this go.
+  const auto held = InterfacePtr<CommandObject>::share(&self);
+  const ExecuteArguments given = execute_arguments(call.arguments);
   InterfacePtr<IZIRDBRecordset> recordset;
   const HRESULT result =
-      array != nullptr
-          ? self.ExecuteDispatchParameterArray(rows_affected, options, array,
-                                               &recordset)
-          : self.ExecuteWithParameters(rows_affected, options,
+      given.array != nullptr
+          ? self.ExecuteDispatchParameterArray(
+                given.rows_affected, given.options, given.array, &recordset)
+          : self.ExecuteWithParameters(given.rows_affected, given.options,
                                        *self.parameters_, nullptr, &recordset);
   if (FAILED(result)) return call.raise(result);
   auto dispatch = recordset.query<IDispatch>(IID_IDispatch);
-  return dispatch ? call.give(std::move(dispatch)) : call.raise(E_NOINTERFACE);
+  if (dispatch) return call.give(std::move(dispatch));
+  // Whatever a foreign connection may have left behind.
+  clear_db_error();
+  return call.raise(E_NOINTERFACE);
 }
 
 // ---------------------------------------------------------------------------
