@@ -567,22 +567,27 @@ bool holds(const VARIANT& value, const Column& column, std::int64_t row) {
   return false;
 }
 
-/// Walks the rows once, from the current one to the end, and hands every cell
-/// to `use(value, row, column)`; the number of rows.
-template <class Use>
-std::int64_t read_all_cells(const Recordset& recordset, const DataSet& data,
-                            Use use) {
-  const auto dispatch = recordset.query<IDispatch>(IID_IDispatch);
-  std::vector<_variant_t> names;
+using Names = std::vector<_variant_t>;
+
+Names names_of(const DataSet& data) {
+  Names names;
   for (const Column& column : data.columns) {
     names.emplace_back(static_cast<const wchar_t*>(bstr(column.name)));
   }
+  return names;
+}
+
+/// Walks the rows once, from the current one to the end, and hands every cell
+/// to `use(value, row, column)`; the number of rows.
+template <class Use>
+std::int64_t read_all_cells(const Recordset& recordset, Names& names, Use use) {
+  const auto dispatch = recordset.query<IDispatch>(IID_IDispatch);
   std::int64_t row = 0;
   while (invoke(dispatch.get(), DISPID_ZIRDB_RECORDSET_EOF,
                 DISPATCH_PROPERTYGET, nullptr)
              .boolVal == VARIANT_FALSE) {
     for (std::size_t i = 0; i < names.size(); ++i) {
-      use(read_cell(dispatch.get(), names[i]), row, data.columns[i]);
+      use(read_cell(dispatch.get(), names[i]), row, i);
     }
     ++row;
     invoke(dispatch.get(), DISPID_ZIRDB_RECORDSET_MOVENEXT, DISPATCH_METHOD,
@@ -591,26 +596,50 @@ std::int64_t read_all_cells(const Recordset& recordset, const DataSet& data,
   return row;
 }
 
-void verify(const Recordset& recordset, const Job& job) {
-  const std::int64_t rows = read_all_cells(
-      recordset, *job.data,
-      [](const VARIANT& value, std::int64_t row, const Column& column) {
-        if (!holds(value, column, row)) {
-          throw std::runtime_error("wrong value in row " + std::to_string(row) +
-                                   ", column " + column.name);
-        }
-      });
-  require(rows == job.rows, "wrong number of rows");
+/// What a value adds to a reader's sum: as bench::checksum, but texts count by
+/// their characters.
+std::int64_t addend(const VARIANT& value) {
+  switch (value.vt) {
+    case VT_I8:
+      return value.llVal;
+    case VT_R8:
+      return static_cast<std::int64_t>(value.dblVal);
+    case VT_BSTR:
+      return SysStringLen(value.bstrVal);
+    case VT_ARRAY | VT_UI1:
+      return value.parray->rgsabound[0].cElements;
+    default:
+      return 1;
+  }
 }
 
-/// Reads every cell and lets it go; what was seen cannot be left out.
-void read_rows(const Recordset& recordset, const Job& job) {
-  std::int64_t seen = 0;
-  const std::int64_t rows =
-      read_all_cells(recordset, *job.data,
-                     [&](const VARIANT& value, std::int64_t /*row*/,
-                         const Column& /*column*/) { seen += value.vt; });
-  require(rows == job.rows && seen > 0, "wrong number of rows");
+/// Reads every cell and lets it go.
+Totals read_rows(const Recordset& recordset, Names& names) {
+  Totals totals;
+  totals.rows = read_all_cells(
+      recordset, names,
+      [&](const VARIANT& value, std::int64_t /*row*/, std::size_t /*column*/) {
+        totals.checksum += addend(value);
+      });
+  return totals;
+}
+
+/// Compares every cell of a recordset with the data set. What a measured pass
+/// over the same rows must come to.
+Totals verified(const Recordset& recordset, const Job& job, Names& names) {
+  Totals totals;
+  totals.rows = read_all_cells(
+      recordset, names,
+      [&](const VARIANT& value, std::int64_t row, std::size_t column) {
+        const Column& expected = job.data->columns[column];
+        if (!holds(value, expected, row)) {
+          throw std::runtime_error("wrong value in row " + std::to_string(row) +
+                                   ", column " + expected.name);
+        }
+        totals.checksum += addend(value);
+      });
+  require(totals.rows == job.rows, "wrong number of rows");
+  return totals;
 }
 
 /// Executions of one row are released each, and that is part of their time.
@@ -626,25 +655,34 @@ Measurement measure_recordset(const Job& job) {
   }
   measured.cpu_ns = cpu_now() - start;
   measured.peak_bytes = peak_resident_bytes() - resident;
-  verify(recordset, job);
+  Names names = names_of(*job.data);
+  verified(recordset, job, names);
   const std::int64_t release = cpu_now();
   recordset = {};
   if (job.executions == 1) measured.release_ns = cpu_now() - release;
   return measured;
 }
 
-/// Every cell of a recordset that is there already.
+/// Every cell of a recordset that is there already, as often as there are
+/// executions: names are looked up for the first time once.
 Measurement measure_read(const Job& job) {
   const ObjectConnection connection(job.connection);
   const Recordset recordset = connection.execute(bstr(job.sql()));
+  Names names = names_of(*job.data);
+  Totals totals;
   Measurement measured;
   const std::int64_t start = cpu_now();
   for (std::int64_t run = 0; run < job.executions; ++run) {
-    read_rows(recordset, job);
+    const Totals one = read_rows(recordset, names);
+    totals.rows += one.rows;
+    totals.checksum += one.checksum;
     succeed(recordset->MoveFirst(), "MoveFirst");
   }
   measured.cpu_ns = cpu_now() - start;
-  verify(recordset, job);
+  const Totals expected = verified(recordset, job, names);
+  require(totals.rows == job.executions * expected.rows &&
+              totals.checksum == job.executions * expected.checksum,
+          "reading gave wrong data");
   return measured;
 }
 
@@ -652,15 +690,22 @@ Measurement measure_read(const Job& job) {
 Measurement measure_whole(const Job& job) {
   const ObjectConnection connection(job.connection);
   const _bstr_t sql = bstr(job.sql());
+  Names names = names_of(*job.data);
+  Totals totals;
   Measurement measured;
   const std::int64_t resident = peak_resident_bytes();
   const std::int64_t start = cpu_now();
   for (std::int64_t run = 0; run < job.executions; ++run) {
-    read_rows(connection.execute(sql), job);
+    const Totals one = read_rows(connection.execute(sql), names);
+    totals.rows += one.rows;
+    totals.checksum += one.checksum;
   }
   measured.cpu_ns = cpu_now() - start;
   measured.peak_bytes = peak_resident_bytes() - resident;
-  verify(connection.execute(sql), job);
+  const Totals expected = verified(connection.execute(sql), job, names);
+  require(totals.rows == job.executions * expected.rows &&
+              totals.checksum == job.executions * expected.checksum,
+          "reading gave wrong data");
   return measured;
 }
 
@@ -920,9 +965,9 @@ void print_legend() {
   std::printf(
       "\nns: per cell, for one-row per execution. ratio: to the floor of the "
       "same\nrepetition, median, least and most. release: freeing the result, "
-      "as a ratio to\nthe floor. peak B: growth of the resident set per cell; "
-      "own B: without what the\nfloor's process needed, the driver's own copy "
-      "of the result.\n");
+      "as a ratio to\nthe floor; of one-row and whole it is part of the time. "
+      "peak B: growth of the\nresident set per cell; own B: without what the "
+      "floor's process needed, the\ndriver's own copy of the result.\n");
 }
 
 // ---------------------------------------------------------------------------

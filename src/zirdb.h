@@ -18,10 +18,11 @@
 //  - What went wrong is kept per thread: a late-bound call that fails with
 //    DISP_E_EXCEPTION finds code, source and text in its EXCEPINFO, which must
 //    have been initialised: what it held is freed.
-//  - References may be taken and dropped on any thread. Apart from that an
-//    object, and what shares its state, belongs to one thread at a time: a
-//    connection with its recordsets, down to the last reference to one of them;
-//    a command with its parameters.
+//  - An object, and what shares its state, belongs to one thread at a time: a
+//    connection with its recordsets, their fields and the commands that hold
+//    it; a command with its parameters. Counting references is safe on any
+//    thread, but the last one to go takes the object with it: it disconnects a
+//    connection and leaves the connection's list of recordsets.
 
 #ifndef ZIRDB_H
 #define ZIRDB_H
@@ -84,11 +85,14 @@ enum ZIRDBParameterDirectionEnum : long {
   ZIRDB_AD_PARAM_RETURN_VALUE = 4
 };
 
-/// What a command's text is.
+/// What a command's text is. A new command's type is ZIRDB_AD_CMD_UNKNOWN.
 enum ZIRDBCommandTypeEnum : long {
-  ZIRDB_AD_CMD_UNSPECIFIED = -1,
-  ZIRDB_AD_CMD_TEXT = 1,
+  ZIRDB_AD_CMD_UNSPECIFIED = -1,  ///< as ZIRDB_AD_CMD_TEXT
+  ZIRDB_AD_CMD_TEXT = 1,          ///< SQL, sent as it is
+  /// A procedure's name, sent as "{CALL name(?, ...)}" with a marker for each
+  /// parameter, or "{? = CALL ...}" if the first one is a return value.
   ZIRDB_AD_CMD_STORED_PROC = 4,
+  /// SQL, or "{CALL ...}" with the values of a script's array.
   ZIRDB_AD_CMD_UNKNOWN = 8
 };
 
@@ -273,7 +277,7 @@ struct IZIRDBParameters : IUnknown {
 // Connections and commands
 // ---------------------------------------------------------------------------
 
-/// A database connection through ODBC.
+/// A database connection through ODBC. Its last Release does what Close does.
 struct IZIRDBConnection : IUnknown {
   /// The string last set or, once opened, the one used: with the user and the
   /// password appended.
@@ -291,10 +295,12 @@ struct IZIRDBConnection : IUnknown {
   /// Disconnects and closes every recordset made here. Succeeds when closed.
   virtual HRESULT Close() = 0;
   /// Runs a statement: stores a recordset when it has columns, else NULL. The
-  /// number of affected rows goes through `rows_affected` when that is by
-  /// reference to an integer or a variant (-1 with columns). `options` has no
-  /// meaning. 0x800A0E78 when closed, 0x80040E0C for an empty text, 0x80040712
-  /// with the driver's text.
+  /// number of affected rows (-1 with columns) is stored through
+  /// `rows_affected` if that is VT_BYREF with VT_I2 or VT_UI2 (2 bytes), VT_UI4
+  /// (4 bytes), VT_I4, VT_I8 or VT_UI8 (8 bytes each), or VT_VARIANT, which
+  /// becomes VT_I8; anything else stays as it is. `options` has no meaning.
+  /// 0x800A0E78 when closed, 0x80040E0C for an empty text, 0x80040712 with the
+  /// driver's text: with many drivers also for a change that matches no row.
   virtual HRESULT Execute(BSTR text, VARIANT* rows_affected, long options,
                           IZIRDBRecordset** recordset) = 0;
 
@@ -307,7 +313,7 @@ struct IZIRDBCommand : IUnknown {
   /// The connection, NULL when there is none.
   virtual HRESULT get_ActiveConnection(IDispatch** connection) = 0;
   /// Takes a reference; NULL drops the one held. 0x800A0E7D for an object that
-  /// is no connection.
+  /// is no connection, which a late-bound put refuses with DISP_E_TYPEMISMATCH.
   virtual HRESULT putref_ActiveConnection(IDispatch* connection) = 0;
   virtual HRESULT get_CommandText(BSTR* text) = 0;
   /// Any text; NULL is the empty one.
@@ -324,8 +330,21 @@ struct IZIRDBCommand : IUnknown {
   /// A new object over the command's one list of parameters.
   virtual HRESULT get_Parameters(IZIRDBParameters** parameters) = 0;
   /// Runs the command and stores a recordset, closed when there are no columns.
+  /// `rows_affected` is that of IZIRDBConnection::Execute; `options` goes to
+  /// connections that are not this library's, which run no parameters.
+  ///
+  /// Afterwards every parameter holds what came back, inputs too, in the type
+  /// that was sent; of procedures, and of texts that call sp_executesql,
+  /// nothing comes back, and outputs become Empty. Late-bound, an array of
+  /// values may stand for the parameters: its elements are replaced then.
+  ///
   /// 0x800A0E7D without an open connection, 0x80040E0C without a text; the code
-  /// of the conversion for a value that does not fit its parameter.
+  /// of the conversion for a value that does not fit its parameter; 0x80040E14
+  /// for a system procedure with parameters and for outputs in a text;
+  /// 0x80040E21, with an array 0x800A0E7C, for a text that calls a procedure
+  /// with parameters; E_NOTIMPL for a return value that is not the first
+  /// parameter and for parameters on a foreign connection; else what the
+  /// connection says.
   virtual HRESULT Execute(VARIANT* rows_affected, long options,
                           IZIRDBRecordset** recordset) = 0;
 
