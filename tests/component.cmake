@@ -33,6 +33,6 @@ include(component_costs.cmake)
 # Connections and commands.
 foreach(
   list component_connection component_command component_databases
-       component_failures python)
+       component_failures component_interference late_bound python)
   include(${list}.cmake OPTIONAL)
 endforeach()

@@ -15,7 +15,10 @@ cd "$folder"
   -o libzirdb.so
 "${CXX:-g++}" -std=c++17 -I"$root/src" "$root/examples/query.cpp" -L. -lzirdb \
   -o query
-LD_LIBRARY_PATH=. ./query 'Driver=SQLite3;Database=:memory:' \
+# Where objects are found by name takes no more than this.
+mkdir registry
+ln -s ../libzirdb.so registry/ZIRDB.so
+REGISTRY=registry LD_LIBRARY_PATH=. ./query 'Driver=SQLite3;Database=:memory:' \
   'SELECT 6 * 7 AS answer' >table
 diff -u - table <<'TABLE'
 answer
