@@ -115,9 +115,10 @@ class Value {
                                                std::is_enum_v<Number>,
                                            int> = 0>
   Value(Number number) : variant_(number) {
-    if constexpr (std::is_integral_v<Number>) {
+    if constexpr (!std::is_floating_point_v<Number> &&
+                  !std::is_same_v<Number, bool>) {
       // Integers have 64 bits and a sign.
-      if (number > 0 && variant_.vt == VT_I8 && variant_.llVal < 0) {
+      if (variant_.llVal < 0 && number > Number()) {
         throw std::out_of_range("a number too large for a value");
       }
     }
