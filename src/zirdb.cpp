@@ -1618,6 +1618,7 @@ class ConnectionObject final
   static HRESULT invoke_execute(ConnectionObject& self, Call& call);
   static HRESULT invoke_value(ConnectionObject& self, Call& call);
 
+  bool is_open() const { return handle_ != nullptr; }
   HRESULT open(BSTR connection_string, BSTR user, BSTR password);
   HRESULT ExecuteWithParameters(const wchar_t* text,
                                 const DbParameterList& parameters,
@@ -1627,8 +1628,7 @@ class ConnectionObject final
   void close_handle() noexcept;
 
   std::wstring connection_string_;
-  std::unique_ptr<void, CloseOdbcConnection> handle_;
-  bool open_ = false;
+  std::unique_ptr<void, CloseOdbcConnection> handle_;  // NULL while closed
   // Linked through the recordsets themselves: listing one asks for no memory,
   // and taking one out costs the same however many there are.
   RecordsetObject* active_recordsets_ = nullptr;
@@ -2815,7 +2815,7 @@ HRESULT ConnectionObject::get_ConnectionString(BSTR* connection_string) {
 
 HRESULT ConnectionObject::put_ConnectionString(BSTR connection_string) {
   return guarded([&] {
-    if (open_) return fail(kAlreadyOpen, kConnectionSource);
+    if (is_open()) return fail(kAlreadyOpen, kConnectionSource);
     connection_string_ = wstring_from_bstr(connection_string);
     return S_OK;
   });
@@ -2823,7 +2823,7 @@ HRESULT ConnectionObject::put_ConnectionString(BSTR connection_string) {
 
 HRESULT ConnectionObject::get_State(long* state) {
   return guarded([&] {
-    return store(open_ ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED, state);
+    return store(is_open() ? ZIRDB_STATE_OPEN : ZIRDB_STATE_CLOSED, state);
   });
 }
 
@@ -2851,7 +2851,7 @@ HRESULT ConnectionObject::Open(BSTR connection_string, BSTR user, BSTR password,
 
 HRESULT ConnectionObject::open(BSTR connection_string, BSTR user,
                                BSTR password) {
-  if (open_) return fail(kAlreadyOpen, kConnectionSource);
+  if (is_open()) return fail(kAlreadyOpen, kConnectionSource);
   std::wstring given = wstring_from_bstr(connection_string);
   if (given.empty()) given = connection_string_;
   if (given.empty()) return fail(kConnectionStringRequired, kConnectionSource);
@@ -2868,7 +2868,6 @@ HRESULT ConnectionObject::open(BSTR connection_string, BSTR user,
   // Deliberate: user and password can be read here, and a later Open without a
   // string uses them.
   connection_string_ = std::move(shown);
-  open_ = true;
   return S_OK;
 }
 
@@ -2880,10 +2879,7 @@ HRESULT ConnectionObject::Close() {
   });
 }
 
-void ConnectionObject::close_handle() noexcept {
-  handle_.reset();
-  open_ = false;
-}
+void ConnectionObject::close_handle() noexcept { handle_.reset(); }
 
 void ConnectionObject::register_recordset(RecordsetObject& recordset) noexcept {
   recordset.connection_owner_ = this;
@@ -2972,7 +2968,7 @@ HRESULT ConnectionObject::ExecuteInternal(
     std::vector<ZirdbOdbcParameter>* parameters,
     InterfacePtr<RecordsetObject>* recordset) {
   return guarded([&] {
-    if (!open_) return fail(kClosed, kConnectionSource);
+    if (!is_open()) return fail(kClosed, kConnectionSource);
     const std::string sql = utf8_from_bstr(text);
     if (sql.empty()) return fail(kNoCommandText, kConnectionSource);
     RowStoreBuilder builder;

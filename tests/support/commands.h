@@ -28,6 +28,7 @@
 #include "support/component.h"
 #include "support/component_host.h"
 #include "support/connections.h"
+#include "support/objects.h"
 #include "support/parameters.h"
 #include "support/values.h"
 #include "zir.h"
@@ -119,7 +120,7 @@ inline std::ostream& operator<<(std::ostream& out, Road road) {
 /// Answers Execute as told and notes how it was called; nothing else of a
 /// connection is called by a command. Lives as long as the test's scope, at the
 /// end of which nobody else may hold it.
-class ForeignConnection final : public IZIRDBConnection, public IDispatch {
+class ForeignConnection final : public objects::NeverInvoked<IZIRDBConnection> {
  public:
   struct Executed {
     std::wstring text;
@@ -187,28 +188,8 @@ class ForeignConnection final : public IZIRDBConnection, public IDispatch {
     return unwanted();
   }
   HRESULT Close() override { return unwanted(); }
-  HRESULT GetTypeInfoCount(UINT* /*count*/) override { return unwanted(); }
-  HRESULT GetTypeInfo(UINT /*index*/, LCID /*lcid*/,
-                      ITypeInfo** /*info*/) override {
-    return unwanted();
-  }
-  HRESULT GetIDsOfNames(REFIID /*riid*/, LPOLESTR* /*names*/, UINT /*count*/,
-                        LCID /*lcid*/, DISPID* /*ids*/) override {
-    return unwanted();
-  }
-  HRESULT Invoke(DISPID /*member*/, REFIID /*riid*/, LCID /*lcid*/,
-                 WORD /*flags*/, DISPPARAMS* /*parameters*/,
-                 VARIANT* /*result*/, EXCEPINFO* /*exception*/,
-                 UINT* /*bad_argument*/) override {
-    return unwanted();
-  }
 
  private:
-  static HRESULT unwanted() {
-    ADD_FAILURE() << "nothing but Execute is called";
-    return E_UNEXPECTED;
-  }
-
   std::uint32_t references_ = 1;
 };
 

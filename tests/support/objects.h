@@ -5,6 +5,8 @@
 #ifndef ZIRDB_TESTS_SUPPORT_OBJECTS_H
 #define ZIRDB_TESTS_SUPPORT_OBJECTS_H
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <utility>
 
@@ -91,6 +93,37 @@ class Dispatch final : public IDispatch {
   std::function<HRESULT(const Call&)> on_invoke_;
   std::uint32_t references_ = 1;
   int invocations_ = 0;
+};
+
+/// What a double that nobody calls late-bound has besides `Interface`.
+template <class Interface>
+class NeverInvoked : public Interface, public IDispatch {
+ public:
+  HRESULT GetTypeInfoCount(UINT* /*count*/) override { return unwanted(); }
+  HRESULT GetTypeInfo(UINT /*index*/, LCID /*lcid*/,
+                      ITypeInfo** /*info*/) override {
+    return unwanted();
+  }
+  HRESULT GetIDsOfNames(REFIID /*riid*/, LPOLESTR* /*names*/, UINT /*count*/,
+                        LCID /*lcid*/, DISPID* /*ids*/) override {
+    return unwanted();
+  }
+  HRESULT Invoke(DISPID /*member*/, REFIID /*riid*/, LCID /*lcid*/,
+                 WORD /*flags*/, DISPPARAMS* /*parameters*/,
+                 VARIANT* /*result*/, EXCEPINFO* /*exception*/,
+                 UINT* /*bad_argument*/) override {
+    return unwanted();
+  }
+
+ protected:
+  NeverInvoked() = default;
+  ~NeverInvoked() = default;
+
+  /// The answer of an operation that nobody should call.
+  static HRESULT unwanted() {
+    ADD_FAILURE() << "this operation is not called";
+    return E_UNEXPECTED;
+  }
 };
 
 /// The thread's object context; empty without one.
