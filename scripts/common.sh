@@ -52,3 +52,18 @@ need() {
 # What it takes to build the library and talk to SQLite.
 # shellcheck disable=SC2034  # the scripts that source this use it
 build_packages=(g++ cmake ninja-build unixodbc-dev uuid-dev libsqliteodbc)
+
+# Node.js 18 or later with what its addons are compiled with: what is there, or
+# else Debian's. npm, where there is one, brings the pinned header, and the
+# compiler that checks the declarations.
+need_node() {
+  command -v node >/dev/null || need nodejs
+  if command -v npm >/dev/null &&
+    { [ -e hosts/node/node_modules/.package-lock.json ] ||
+      quietly npm npm ci --prefix hosts/node; }; then
+    return 0
+  fi
+  local prefix
+  prefix=$(dirname "$(dirname "$(readlink -f "$(command -v node)")")")
+  [ -e "$prefix/include/node/node_api.h" ] || need libnode-dev
+}

@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: MIT
+//
+// What for (... of object) walks.
+'use strict';
+
+const { native, DISPID_VALUE } = require('./native.js');
+const { HANDLER } = require('./values.js');
+
+// Where the iterators of the language keep what they share.
+const IteratorPrototype = Object.getPrototypeOf(
+  Object.getPrototypeOf([][Symbol.iterator]()),
+);
+
+class ObjectIterator {
+  [Symbol.iterator]() {
+    return this;
+  }
+}
+Object.setPrototypeOf(ObjectIterator.prototype, IteratorPrototype);
+
+const DONE = Object.freeze({ done: true, value: undefined });
+
+/**
+ * The rows of a recordset from the current one on, each as { column: value }.
+ * At the end, and when the loop is left early, the recordset is closed and
+ * released.
+ */
+class RowIterator extends ObjectIterator {
+  constructor(handler) {
+    super();
+    this.recordset = handler.proxy;
+    this.flags = handler.getFlags;
+    this.fields = null; // kept, so that their slots stay
+  }
+
+  next() {
+    if (this.recordset === null) return DONE;
+    try {
+      if (this.fields !== null) this.recordset.MoveNext();
+      if (this.recordset.EOF) {
+        this.finish();
+        return DONE;
+      }
+      if (this.fields === null) this.begin();
+      return { done: false, value: this.row() };
+    } catch (error) {
+      this.finish();
+      throw error;
+    }
+  }
+
+  return(value) {
+    this.finish();
+    return { done: true, value };
+  }
+
+  begin() {
+    const collection = this.recordset.Fields;
+    this.fields = [];
+    this.names = [];
+    this.places = [];
+    const count = Number(collection.Count);
+    for (let place = 0; place < count; ++place) {
+      const field = collection(place);
+      // Of columns with one name the first counts, as for recordset(name).
+      const name = field.Name;
+      if (this.names.includes(name)) {
+        field.release();
+        continue;
+      }
+      this.fields.push(field);
+      this.names.push(name);
+    }
+    this.slots = this.fields.map((field) => field[HANDLER].slot);
+    collection.release();
+  }
+
+  row() {
+    const values = native.values(this.slots, DISPID_VALUE, this.flags);
+    const row = {};
+    for (let i = 0; i < values.length; ++i) {
+      const name = this.names[i];
+      if (name === '__proto__') {
+        Object.defineProperty(row, name, {
+          value: values[i],
+          configurable: true,
+          enumerable: true,
+          writable: true,
+        });
+      } else {
+        row[name] = values[i];
+      }
+    }
+    return row;
+  }
+
+  finish() {
+    const recordset = this.recordset;
+    if (recordset === null) return;
+    this.recordset = null;
+    for (const field of this.fields ?? []) field.release();
+    if (recordset[HANDLER].slot === 0) return;
+    try {
+      if (Number(recordset.State) === 1) recordset.Close();
+    } finally {
+      recordset.release();
+    }
+  }
+}
+
+/** The elements of an enumerator, which it lets go at the end. */
+class ElementIterator extends ObjectIterator {
+  constructor(handler) {
+    super();
+    this.handler = handler;
+  }
+
+  next() {
+    if (this.handler === null) return DONE;
+    const { handler } = this;
+    const values = native.next(handler.liveSlot(), 1, handler.flags);
+    if (values.length === 1) return { done: false, value: values[0] };
+    return this.return();
+  }
+
+  return(value) {
+    this.handler?.release();
+    this.handler = null;
+    return { done: true, value };
+  }
+}
+
+/** The items of a collection that counts them. */
+class ItemIterator extends ObjectIterator {
+  constructor(handler) {
+    super();
+    this.collection = handler.proxy;
+    this.place = 0;
+  }
+
+  next() {
+    if (this.place >= Number(this.collection.Count)) return DONE;
+    return { done: false, value: this.collection(this.place++) };
+  }
+}
+
+module.exports = { RowIterator, ElementIterator, ItemIterator };

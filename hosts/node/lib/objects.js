@@ -1,0 +1,482 @@
+// SPDX-License-Identifier: MIT
+//
+// Objects as scripts see them: a Proxy for each, whose handler knows the slot
+// that the addon has for it and the class that says what members there are.
+'use strict';
+
+const { inspect } = require('node:util');
+
+const {
+  native,
+  METHOD,
+  PROPERTY_GET,
+  PROPERTY_PUT,
+  BIG_INTS,
+  UNKNOWN_CLASS,
+  ENUMERATOR,
+  DISPID_VALUE,
+  DISPID_NEWENUM,
+} = require('./native.js');
+const { ZirdbError, releasedError } = require('./errors.js');
+const { classes, unknownClass } = require('./classes.js');
+const {
+  HANDLER,
+  encode,
+  encodeArguments,
+  payloads,
+  returnArguments,
+} = require('./values.js');
+const { RowIterator, ElementIterator, ItemIterator } = require('./iterators.js');
+
+// The objects that came up in each scope() that is running, innermost last.
+const scopes = [];
+
+class Handler {
+  constructor(slot, theClass, flags) {
+    this.slot = slot; // 0: released
+    this.class = theClass;
+    this.flags = flags;
+    this.getFlags = flags | PROPERTY_GET;
+    this.proxy = null;
+    this.functions = null;
+  }
+
+  get name() {
+    return this.class.name;
+  }
+
+  get tag() {
+    return `[object ${this.name}]`;
+  }
+
+  liveSlot() {
+    if (this.slot === 0) throw releasedError(this.name);
+    return this.slot;
+  }
+
+  // Calls.
+
+  invoke(id, flags, parameters, written, what) {
+    const slot = this.liveSlot();
+    if (written.length === 0) {
+      return native.invoke(slot, id, flags | this.flags);
+    }
+    const encoded = encodeArguments(parameters, written, this.flags, what);
+    const sent = payloads(encoded);
+    const result = native.invoke(slot, id, flags | this.flags, ...encoded);
+    if (sent !== null) returnArguments(written, sent, encoded);
+    return result;
+  }
+
+  read(member) {
+    return native.invoke(this.liveSlot(), member.id, this.getFlags);
+  }
+
+  write(member, value) {
+    const what = `${this.name}.${member.name}`;
+    if (!member.isWritable) {
+      throw new TypeError(
+        `${what} is ${member.isMethod ? 'a method' : 'read-only'}`,
+      );
+    }
+    native.invoke(
+      this.liveSlot(),
+      member.id,
+      PROPERTY_PUT | this.flags,
+      encode(value, this.flags, what),
+    );
+  }
+
+  // The same function each time, as for a method of JavaScript.
+  method(member) {
+    const functions = (this.functions ??= []);
+    return (functions[member.index] ??= (...written) =>
+      this.invoke(
+        member.id,
+        member.flags,
+        member.parameters,
+        written,
+        `${member.className}.${member.name}`,
+      ));
+  }
+
+  release() {
+    const slot = this.slot;
+    if (slot === 0) return;
+    this.slot = 0;
+    native.release(slot);
+  }
+
+  // What JavaScript asks of every object.
+
+  value() {
+    return this.class.value === undefined
+      ? this.tag
+      : this.read(this.class.value);
+  }
+
+  primitive(hint) {
+    const value = this.slot === 0 ? this.tag : this.value();
+    if (value instanceof Date) return value[Symbol.toPrimitive](hint);
+    return value instanceof Object ? String(value) : value;
+  }
+
+  describe(depth, options) {
+    if (this.slot === 0) return `${this.name} (released)`;
+    const shown = {};
+    for (const member of this.class.list) {
+      // Objects would have to be made for it.
+      if (member.isMethod || /^(Fields|Parameters|_NewEnum)$/.test(member.name)) {
+        continue;
+      }
+      try {
+        shown[member.name] = this.read(member);
+      } catch (error) {
+        shown[member.name] = `<${error.message}>`;
+      }
+    }
+    return `${this.name} ${inspect(shown, { ...options, depth: depth - 1 })}`;
+  }
+
+  iterator() {
+    switch (this.class.iterates) {
+      case 'rows':
+        return () => new RowIterator(this);
+      case 'items':
+        return () => new ItemIterator(this);
+      case 'enumerator':
+        return () =>
+          new ElementIterator(
+            native.invoke(this.liveSlot(), DISPID_NEWENUM, this.getFlags)[
+              HANDLER
+            ],
+          );
+      default:
+        return undefined;
+    }
+  }
+
+  // What is there besides members; undefined says that it is not there.
+  own(key) {
+    switch (key) {
+      case HANDLER:
+        return this;
+      case Symbol.iterator:
+        return this.iterator();
+      case Symbol.toPrimitive:
+        return (hint) => this.primitive(hint);
+      case Symbol.toStringTag:
+        return this.name;
+      case 'toString':
+        return () => String(this.primitive('string'));
+      case 'valueOf':
+        return () => this.value();
+      case 'toJSON':
+        return () => this.tag;
+      case 'release':
+      case Symbol.dispose: // which older releases of Node do not have
+        return () => this.release();
+      default:
+        return undefined;
+    }
+  }
+
+  // Traps.
+
+  get(target, key) {
+    const member = this.class.members.get(key);
+    if (member !== undefined) {
+      return member.isMethod && this.slot !== 0
+        ? this.method(member)
+        : native.invoke(this.liveSlot(), member.id, this.getFlags);
+    }
+    return this.getOther(key);
+  }
+
+  getOther(key) {
+    if (typeof key === 'symbol') return this.own(key);
+    // A promise asks for the first, a debugger for the second.
+    if (key === 'then' || key === 'constructor') return undefined;
+    return this.own(key) ?? this.getMember(key);
+  }
+
+  getMember(key) {
+    const member = this.class.find(key);
+    this.liveSlot();
+    if (member === undefined) throw this.unknown(key);
+    return member.isMethod ? this.method(member) : this.read(member);
+  }
+
+  unknown(key) {
+    return new TypeError(
+      `${this.name} has no member '${String(key)}'; ` +
+        `it has ${this.class.memberNames}`,
+    );
+  }
+
+  set(target, key, value) {
+    this.liveSlot();
+    if (typeof key === 'symbol') throw this.unknown(key);
+    const member = this.class.members.get(key) ?? this.class.find(key);
+    if (member === undefined) throw this.unknown(key);
+    this.write(member, value);
+    return true;
+  }
+
+  apply(target, self, written) {
+    if (this.class.callParameters === undefined) {
+      if (this.class.value === undefined) {
+        throw new TypeError(`${this.name} is not a function`);
+      }
+    }
+    return this.invoke(
+      DISPID_VALUE,
+      METHOD | PROPERTY_GET | this.class.callFlags,
+      this.class.callParameters ?? [],
+      written,
+      this.name,
+    );
+  }
+
+  has(target, key) {
+    if (typeof key === 'string' && this.class.find(key) !== undefined) {
+      return true;
+    }
+    return this.own(key) !== undefined;
+  }
+
+  deleteProperty(target, key) {
+    throw new TypeError(`${this.name}: '${String(key)}' cannot be deleted`);
+  }
+
+  defineProperty(target, key) {
+    throw new TypeError(`${this.name}: '${String(key)}' cannot be defined`);
+  }
+
+  ownKeys() {
+    return [];
+  }
+
+  getOwnPropertyDescriptor() {
+    return undefined;
+  }
+
+  getPrototypeOf() {
+    return Function.prototype;
+  }
+
+  setPrototypeOf() {
+    return false;
+  }
+
+  preventExtensions() {
+    return false;
+  }
+}
+
+// An object of a class that the table does not have: its members are functions,
+// called by name, and properties are read with get().
+class UnknownHandler extends Handler {
+  idOf(name) {
+    const id = native.idOf(this.liveSlot(), name);
+    if (id === undefined) {
+      throw new TypeError(`the object has no member '${name}'`);
+    }
+    return id;
+  }
+
+  call(name, written) {
+    return this.invoke(
+      this.idOf(name),
+      METHOD | PROPERTY_GET,
+      [{ rest: true }],
+      written,
+      name,
+    );
+  }
+
+  get(target, key) {
+    if (typeof key === 'symbol' || this.own(key) !== undefined) {
+      return this.own(key);
+    }
+    if (key === 'then' || key === 'constructor') return undefined;
+    this.idOf(key);
+    return (...written) => this.call(key, written);
+  }
+
+  set(target, key, value) {
+    this.put(String(key), value);
+    return true;
+  }
+
+  put(name, value) {
+    native.invoke(
+      this.liveSlot(),
+      this.idOf(name),
+      PROPERTY_PUT | this.flags,
+      encode(value, this.flags, name),
+    );
+  }
+
+  apply(target, self, written) {
+    return this.invoke(
+      DISPID_VALUE,
+      METHOD | PROPERTY_GET,
+      [{ rest: true }],
+      written,
+      'the object',
+    );
+  }
+
+  has(target, key) {
+    if (this.own(key) !== undefined) return true;
+    return (
+      typeof key === 'string' && native.idOf(this.liveSlot(), key) !== undefined
+    );
+  }
+}
+
+// What walks a collection, such as fields._NewEnum.
+class EnumeratorHandler extends Handler {
+  get name() {
+    return 'enumerator';
+  }
+
+  iterator() {
+    return () => new ElementIterator(this);
+  }
+
+  apply() {
+    throw new TypeError('an enumerator is not a function');
+  }
+}
+
+// Inspection looks at what a proxy stands in front of, with the proxy as this.
+for (const each of [...classes, unknownClass]) {
+  each.target[inspect.custom] = function describe(depth, options) {
+    return this[HANDLER].describe(depth, options);
+  };
+}
+
+// Called by the addon for every object that comes up.
+function wrap(slot, classIndex, flags) {
+  let handler;
+  let theClass = unknownClass;
+  if (classIndex >= 0) {
+    theClass = classes[classIndex];
+    if (!theClass.areIdsKnown) theClass.learnIds(slot);
+    handler = new Handler(slot, theClass, flags);
+  } else if (classIndex === ENUMERATOR) {
+    handler = new EnumeratorHandler(slot, theClass, flags);
+  } else {
+    handler = new UnknownHandler(slot, theClass, flags);
+  }
+  // A function that was taken from an object keeps its handler, and that the
+  // proxy: the addon lets the object go when the proxy is gone.
+  handler.proxy = new Proxy(theClass.target, handler);
+  if (scopes.length > 0) scopes.at(-1).push(handler);
+  return handler.proxy;
+}
+
+// Called by the addon for every failure that an object reports.
+function fail(number, source, description, classIndex, member) {
+  if (typeof member === 'string') {
+    return new ZirdbError(
+      number,
+      source,
+      description,
+      `${member} could not be created with REGISTRY=${native.registry()}`,
+    );
+  }
+  const theClass = classIndex === UNKNOWN_CLASS ? undefined : classes[classIndex];
+  const name = theClass?.list.find((each) => each.id === member)?.name;
+  const doing =
+    theClass === undefined
+      ? ''
+      : name === undefined
+        ? theClass.name
+        : `${theClass.name}.${name}`;
+  return new ZirdbError(number, source, description, doing);
+}
+
+native.setUp(
+  wrap,
+  fail,
+  classes.map((each) => each.iid),
+);
+
+function handlerOf(object) {
+  const handler =
+    typeof object === 'function' || (typeof object === 'object' && object)
+      ? object[HANDLER]
+      : undefined;
+  if (handler === undefined) {
+    throw new TypeError('not an object of createObject');
+  }
+  return handler;
+}
+
+function createObject(progId, options = {}) {
+  const integers = options.integers ?? 'number';
+  if (integers !== 'number' && integers !== 'bigint') {
+    throw new TypeError("integers are 'number' or 'bigint'");
+  }
+  return native.create(
+    String(progId),
+    integers === 'bigint' ? BIG_INTS : 0,
+  );
+}
+
+function release(object) {
+  handlerOf(object).release();
+}
+
+function scope(run) {
+  const created = [];
+  scopes.push(created);
+  let kept;
+  try {
+    const result = run();
+    if (typeof result === 'function') kept = result[HANDLER];
+    if (typeof result === 'object' && typeof result?.then === 'function') {
+      throw new TypeError('scope: what it runs must not be asynchronous');
+    }
+    return result;
+  } finally {
+    scopes.pop();
+    for (const handler of created.reverse()) {
+      if (handler !== kept) handler.release();
+      // It belongs to whoever it is returned to.
+      else scopes.at(-1)?.push(kept);
+    }
+  }
+}
+
+// For classes that are not in the table.
+
+function call(object, name, ...written) {
+  const handler = handlerOf(object);
+  if (handler instanceof UnknownHandler) return handler.call(name, written);
+  return handler.get(undefined, name)(...written);
+}
+
+function get(object, name) {
+  const handler = handlerOf(object);
+  if (!(handler instanceof UnknownHandler)) return handler.get(undefined, name);
+  return native.invoke(handler.liveSlot(), handler.idOf(name), handler.getFlags);
+}
+
+function put(object, name, value) {
+  handlerOf(object).set(undefined, name, value);
+}
+
+module.exports = {
+  call,
+  createObject,
+  get,
+  libraryIdle: () => native.idle('ZIRDB'),
+  liveObjects: () => native.live(),
+  put,
+  release,
+  scope,
+};

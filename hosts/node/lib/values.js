@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: MIT
+//
+// Values on their way to an object: what the addon takes as it is, and what it
+// takes as [tag, payload]. What comes back is made by the addon alone.
+'use strict';
+
+const {
+  TAG_OBJECT,
+  TAG_DATE,
+  TAG_ARRAY,
+  TAG_OUT,
+  TAG_CALLBACK,
+} = require('./native.js');
+
+// The handler behind a proxy is its property of this name.
+const HANDLER = Symbol('zirdb.handler');
+
+// Deeper than any program means it, and shallow enough for every stack.
+const DEEPEST_ARRAY = 64;
+
+/** A place for what a call gives back. */
+class Out {
+  constructor(value) {
+    this.value = value;
+  }
+}
+
+/** A date that is passed as a date instead of as text. */
+class VariantDate {
+  constructor(date) {
+    this.date = date;
+  }
+}
+
+function out(initial) {
+  return new Out(initial);
+}
+
+function variantDate(date) {
+  if (!(date instanceof Date) || Number.isNaN(date.getTime())) {
+    throw new TypeError('variantDate takes a valid Date');
+  }
+  return new VariantDate(new Date(date));
+}
+
+// Days since 1899-12-30, as dates are counted there.
+function daysOf(date) {
+  return date.getTime() / 86400000 + 25569;
+}
+
+function dateText(date, what) {
+  if (Number.isNaN(date.getTime())) {
+    throw new RangeError(`${what} is an invalid Date`);
+  }
+  const text = date.toISOString();
+  if (text.length !== 24) {
+    throw new RangeError(`${what} is a Date outside the years 0 to 9999`);
+  }
+  return `${text.slice(0, 10)} ${text.slice(11, 23)}`;
+}
+
+// A function that others call with their arguments and take a value from.
+function callback(call, flags) {
+  const answer = (...values) => {
+    const result = call(...values);
+    if (result === undefined) return undefined;
+    try {
+      return encode(result, flags, 'the result');
+    } catch {
+      return undefined; // what has no form there is nothing there
+    }
+  };
+  return [TAG_CALLBACK, answer, flags];
+}
+
+function encodeArray(array, flags, what, depth) {
+  if (depth === DEEPEST_ARRAY) {
+    throw new TypeError(`${what} is an array in too many others`);
+  }
+  // Array.from reads holes as undefined, which map would pass over.
+  return Array.from(array, (element, index) => {
+    const place = `${what}, element ${index},`;
+    // An Empty slot asks for a value back.
+    if (element instanceof Out) {
+      return element.value === undefined
+        ? undefined
+        : encode(element.value, flags, place, depth + 1);
+    }
+    return encode(element, flags, place, depth + 1);
+  });
+}
+
+/**
+ * `value` as the addon takes it. `what` names it in complaints.
+ */
+function encode(value, flags, what, depth = 0) {
+  switch (typeof value) {
+    case 'number':
+    case 'string':
+    case 'boolean':
+    case 'bigint':
+      return value;
+    case 'undefined':
+      throw new TypeError(
+        `${what} is undefined: pass null for NULL, out() for an output`,
+      );
+    case 'function': {
+      const handler = value[HANDLER];
+      if (handler === undefined) return callback(value, flags);
+      return [TAG_OBJECT, handler.liveSlot()];
+    }
+    case 'object':
+      break;
+    default:
+      throw new TypeError(`${what} is a ${typeof value}, which has no value`);
+  }
+  if (value === null) return null;
+  if (Array.isArray(value)) {
+    return [TAG_ARRAY, encodeArray(value, flags, what, depth)];
+  }
+  if (value instanceof Uint8Array) return value;
+  if (value instanceof Date) return dateText(value, what);
+  if (value instanceof VariantDate) return [TAG_DATE, daysOf(value.date)];
+  if (value instanceof Out) {
+    const initial =
+      value.value === undefined
+        ? undefined
+        : encode(value.value, flags, what, depth);
+    return [TAG_OUT, initial];
+  }
+  throw new TypeError(
+    `${what} is an object of JavaScript: pass text, numbers, null, a Date, ` +
+      'a Uint8Array, an array or an object of createObject',
+  );
+}
+
+function isSameBytes(left, right) {
+  return (
+    left instanceof Uint8Array &&
+    left.length === right.length &&
+    left.every((byte, index) => byte === right[index])
+  );
+}
+
+// Whether what came back says the same as what was sent.
+function isUnchanged(original, sent, received) {
+  if (sent instanceof Uint8Array) return isSameBytes(received, sent);
+  if (Array.isArray(sent)) {
+    switch (sent[0]) {
+      case TAG_DATE:
+        return (
+          received instanceof Date &&
+          received.getTime() === original.date.getTime()
+        );
+      case TAG_CALLBACK: // comes back as the object that was made of it
+        return typeof received === 'function';
+      default:
+        return received === original;
+    }
+  }
+  // A BigInt may come back as a number, never as another one.
+  // eslint-disable-next-line eqeqeq
+  if (typeof sent === 'bigint') return sent == received;
+  return Object.is(sent, received) || (sent === 0 && received === 0);
+}
+
+// Elements that say the same stay what the caller put there: a Date a Date.
+function copyBack(original, sent, received) {
+  if (!Array.isArray(received)) return;
+  if (original.length !== received.length) original.length = received.length;
+  received.forEach((now, index) => {
+    const before = original[index];
+    const was = sent[index];
+    if (before instanceof Out) {
+      before.value = now;
+    } else if (
+      Array.isArray(before) &&
+      Array.isArray(was) &&
+      Array.isArray(now)
+    ) {
+      copyBack(before, was[1], now);
+    } else if (!isUnchanged(before, was, now)) {
+      original[index] = now;
+    }
+  });
+}
+
+/**
+ * The arguments that a call makes of what the script wrote. Trailing ones that
+ * are undefined were not written; others have the value that the table gives.
+ */
+function encodeArguments(parameters, written, flags, what) {
+  let count = written.length;
+  const at = (index) =>
+    parameters[index] ??
+    (parameters.at(-1)?.rest ? parameters.at(-1) : undefined);
+  const mayBeMissing = (index) => {
+    const parameter = at(index);
+    return (
+      parameter === undefined ||
+      'default' in parameter ||
+      parameter.optional === true
+    );
+  };
+  while (
+    count > 0 &&
+    written[count - 1] === undefined &&
+    mayBeMissing(count - 1)
+  ) {
+    --count;
+  }
+  const encoded = [];
+  for (let index = 0; index < count; ++index) {
+    const value = written[index];
+    switch (typeof value) {
+      case 'string':
+      case 'number':
+        encoded.push(value); // without a name for complaints
+        continue;
+      case 'undefined': {
+        const parameter = at(index);
+        if (parameter !== undefined && 'default' in parameter) {
+          encoded.push(parameter.default);
+          continue;
+        }
+        break;
+      }
+      default:
+        break;
+    }
+    encoded.push(encode(value, flags, `${what}: argument ${index + 1}`));
+  }
+  return encoded;
+}
+
+/** Gives the script what a call stored in its outs and arrays. */
+function returnArguments(written, sent, encoded) {
+  for (let index = 0; index < encoded.length; ++index) {
+    const original = written[index];
+    if (original instanceof Out) {
+      original.value = encoded[index][1];
+    } else if (Array.isArray(original)) {
+      copyBack(original, sent[index], encoded[index][1]);
+    }
+  }
+}
+
+/**
+ * The payloads of arguments before a call, which writes over them; null when
+ * none of them is written to.
+ */
+function payloads(encoded) {
+  return encoded.some(Array.isArray)
+    ? encoded.map((each) => (Array.isArray(each) ? each[1] : each))
+    : null;
+}
+
+module.exports = {
+  HANDLER,
+  Out,
+  out,
+  variantDate,
+  encode,
+  encodeArguments,
+  payloads,
+  returnArguments,
+};
