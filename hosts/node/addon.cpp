@@ -113,22 +113,6 @@ void leave_library() {
   }
 }
 
-class InLibrary {
- public:
-  InLibrary() { enter_library(); }
-  InLibrary(const InLibrary&) = delete;
-  InLibrary& operator=(const InLibrary&) = delete;
-  ~InLibrary() { leave_library(); }
-};
-
-class InScript {
- public:
-  InScript() { leave_library(); }
-  InScript(const InScript&) = delete;
-  InScript& operator=(const InScript&) = delete;
-  ~InScript() { enter_library(); }
-};
-
 // ---------------------------------------------------------------------------
 // The host
 // ---------------------------------------------------------------------------
@@ -247,7 +231,6 @@ class Host {
 
   // What a callback threw in the middle of a call, as long as nobody has seen
   // it; may be NULL.
-  napi_ref pending() const { return pending_; }
   void set_pending(napi_ref pending) {
     if (pending_ != nullptr) napi_delete_reference(env_, pending_);
     pending_ = pending;
@@ -263,11 +246,7 @@ class Host {
     }
     return slots_[slot];
   }
-  // Often enough that what is dead is no more than what lives, or little.
-  void sweep_if_due() {
-    constexpr std::int64_t much = std::int64_t{32} << 20;
-    if (live_ >= sweep_at_ || grown_ >= much) sweep();
-  }
+  std::uint32_t take(Slot slot);
   std::int32_t class_of(IDispatch* dispatch) const;
   napi_value proxy_for(std::uint32_t slot, std::uint32_t flags);
   napi_value referenced(napi_ref reference) const {
@@ -295,6 +274,45 @@ class Host {
   std::int64_t unreported_ = 0;
   std::int64_t grown_ = 0;  // bytes reported since the last sweep
   std::int64_t heap_bytes_ = 0;
+  int depth_ = 0;
+
+  friend class InLibrary;
+  friend class InScript;
+};
+
+// Held around every call of an object, and the other way round while a callback
+// runs: what scripts and other addons print there is theirs.
+class InLibrary {
+ public:
+  explicit InLibrary(Host& host) : host_(host) {
+    if (host_.depth_++ == 0) enter_library();
+  }
+  InLibrary(const InLibrary&) = delete;
+  InLibrary& operator=(const InLibrary&) = delete;
+  ~InLibrary() {
+    if (--host_.depth_ == 0) leave_library();
+  }
+
+ private:
+  Host& host_;
+};
+
+class InScript {
+ public:
+  explicit InScript(Host& host)
+      : host_(host), depth_(std::exchange(host.depth_, 0)) {
+    if (depth_ > 0) leave_library();
+  }
+  InScript(const InScript&) = delete;
+  InScript& operator=(const InScript&) = delete;
+  ~InScript() {
+    if (depth_ > 0) enter_library();
+    host_.depth_ = depth_;
+  }
+
+ private:
+  Host& host_;
+  int depth_;
 };
 
 std::int32_t Host::class_of(IDispatch* dispatch) const {
@@ -319,9 +337,7 @@ napi_value Host::wrap(InterfacePtr<IUnknown> object, std::uint32_t flags,
   if (auto dispatch = object.query<IDispatch>(IID_IDispatch)) {
     return wrap_dispatch(std::move(dispatch), flags, bytes);
   }
-  sweep_if_due();
   Slot slot;
-  slot.class_index = kUnknownClass;
   if (auto enumerator = object.query<IEnumVARIANT>(IID_IEnumVARIANT)) {
     slot.class_index = kEnumerator;
     slot.enumerator = enumerator.get();
@@ -329,15 +345,7 @@ napi_value Host::wrap(InterfacePtr<IUnknown> object, std::uint32_t flags,
   }
   slot.object = std::move(object);
   slot.bytes = bytes;
-  if (free_.empty()) {
-    free_.push_back(static_cast<std::uint32_t>(slots_.size()));
-    slots_.emplace_back();
-  }
-  const std::uint32_t number = free_.back();
-  free_.pop_back();
-  slots_[number] = std::move(slot);
-  ++live_;
-  return proxy_for(number, flags);
+  return proxy_for(take(std::move(slot)), flags);
 }
 
 napi_value Host::wrap_dispatch(InterfacePtr<IDispatch> dispatch,
@@ -349,22 +357,29 @@ napi_value Host::wrap_dispatch(InterfacePtr<IDispatch> dispatch,
     // Its proxy is gone, but nobody has swept yet.
     release(known->second);
   }
-  sweep_if_due();
-  const std::int32_t class_index = class_of(dispatch.get());
-  if (free_.empty()) {
-    free_.push_back(static_cast<std::uint32_t>(slots_.size()));
-    slots_.emplace_back();
-  }
-  const std::uint32_t number = free_.back();
-  by_pointer_.emplace(dispatch.get(), number);
-  free_.pop_back();
-  Slot& slot = slots_[number];
-  slot.class_index = class_index;
+  Slot slot;
+  slot.class_index = class_of(dispatch.get());
   slot.dispatch = dispatch.get();
   slot.object = InterfacePtr<IUnknown>::adopt(dispatch.detach());
   slot.bytes = bytes;
+  return proxy_for(take(std::move(slot)), flags);
+}
+
+std::uint32_t Host::take(Slot slot) {
+  // Often enough that what is dead is no more than what lives, or little.
+  constexpr std::int64_t much = std::int64_t{32} << 20;
+  if (live_ >= sweep_at_ || grown_ >= much) sweep();
+  if (free_.empty()) {
+    slots_.emplace_back();
+    free_.reserve(slots_.size());  // so that a release needs no memory
+    free_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
+  }
+  const std::uint32_t number = free_.back();
+  if (slot.dispatch != nullptr) by_pointer_.emplace(slot.dispatch, number);
+  free_.pop_back();
+  slots_[number] = std::move(slot);
   ++live_;
-  return proxy_for(number, flags);
+  return number;
 }
 
 napi_value Host::proxy_for(std::uint32_t slot, std::uint32_t flags) {
@@ -376,7 +391,7 @@ napi_value Host::proxy_for(std::uint32_t slot, std::uint32_t flags) {
           napi_create_int32(env_, slots_[slot].class_index, &arguments[1]));
     check(env_, napi_create_uint32(env_, flags & kBigInts, &arguments[2]));
     napi_value proxy = nullptr;
-    const napi_value function = referenced(wrap_);
+    napi_value function = referenced(wrap_);
     check(env_, napi_call_function(env_, function, function, 3,
                                    arguments.data(), &proxy));
     check(env_, napi_create_reference(env_, proxy, 0, &slots_[slot].proxy));
@@ -399,7 +414,7 @@ void Host::release(std::uint32_t number) {
   slot = Slot();
   free_.push_back(number);
   --live_;
-  const InLibrary quiet;
+  const InLibrary quiet(*this);
   object = {};
 }
 
@@ -417,12 +432,12 @@ void Host::sweep() {
     const std::lock_guard<std::mutex> lock(life_->mutex);
     left.swap(life_->left);
   }
-  for (napi_ref const reference : left) napi_delete_reference(env_, reference);
+  for (napi_ref reference : left) napi_delete_reference(env_, reference);
 }
 
 // In portions: each report costs as much as a call.
 void Host::report(std::int64_t bytes) {
-  constexpr std::int64_t portion = 64 * 1024;
+  constexpr std::int64_t portion = std::int64_t{64} << 10;
   unreported_ += bytes;
   if (bytes > 0) grown_ += bytes;
   if (unreported_ < portion && unreported_ > -portion) return;
@@ -434,10 +449,8 @@ void Host::report(std::int64_t bytes) {
 // which makes its finalizer a signal.
 void Host::watch_collections() {
   napi_value sentinel = nullptr;
-  if (napi_create_external(env_, this, &Host::collected, life_.get(),
-                           &sentinel) != napi_ok) {
-    return;  // sweeps go on as slots are taken
-  }
+  // Without one, sweeps go on as slots are taken.
+  napi_create_external(env_, this, &Host::collected, nullptr, &sentinel);
 }
 
 void Host::collected(napi_env env, void* data, void* /*hint*/) {
@@ -506,17 +519,18 @@ class Buffer {
   Unit* data() { return large_.empty() ? small_.data() : large_.data(); }
 
  private:
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): written before read
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): written first
   std::array<Unit, 256> small_;
   std::vector<Unit> large_;
 };
 
 napi_value js_text(napi_env env, const wchar_t* text, std::size_t count) {
   napi_value value = nullptr;
+  if (text == nullptr) count = 0;
   std::uint32_t all = 0;
   std::size_t pairs = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    const auto unit = static_cast<std::uint32_t>(text[i]);
+    const std::uint32_t unit = static_cast<char32_t>(text[i]);
     all |= unit;
     if (unit > 0xFFFF) ++pairs;
   }
@@ -530,7 +544,7 @@ napi_value js_text(napi_env env, const wchar_t* text, std::size_t count) {
   Buffer<char16_t> utf16(count + pairs);
   char16_t* out = utf16.data();
   for (std::size_t i = 0; i < count; ++i) {
-    auto unit = static_cast<std::uint32_t>(text[i]);
+    std::uint32_t unit = static_cast<char32_t>(text[i]);
     if (unit <= 0xFFFF) {
       *out++ = static_cast<char16_t>(unit);
       continue;
@@ -590,8 +604,7 @@ VARIANT value_at(VARTYPE type, const void* data) {
     default:
       break;
   }
-  VARIANT value;
-  VariantInit(&value);
+  VARIANT value = {};
   value.vt = type;
   std::memcpy(&value.llVal, data, size);
   return value;
@@ -599,7 +612,7 @@ VARIANT value_at(VARTYPE type, const void* data) {
 
 napi_value js_array(Host& host, VARTYPE type, SAFEARRAY* array,
                     std::uint32_t flags) {
-  const napi_env env = host.env();
+  napi_env env = host.env();
   if (array == nullptr) {
     napi_value null = nullptr;
     check(env, napi_get_null(env, &null));
@@ -656,7 +669,7 @@ VARIANT followed(Host& host, const VARIANT& reference) {
 // `owned`: the value may be emptied, because its owner is done with it.
 napi_value js_value(Host& host, VARIANT& value, std::uint32_t flags, bool owned,
                     std::int64_t bytes) {
-  const napi_env env = host.env();
+  napi_env env = host.env();
   napi_value result = nullptr;
   switch (value.vt) {
     case VT_EMPTY:
@@ -740,7 +753,7 @@ napi_value Host::failure(HRESULT code, BSTR source, BSTR description,
                   &arguments[3]));
   arguments[4] = member;
   napi_value error = nullptr;
-  const napi_value function = referenced(fail_);
+  napi_value function = referenced(fail_);
   check(env_, napi_call_function(env_, function, function, arguments.size(),
                                  arguments.data(), &error));
   return error;
@@ -759,8 +772,8 @@ std::uint32_t cpp_unsigned(napi_env env, napi_value value) {
 // A text without zeros: what reads it ends there.
 _bstr_t cpp_text(napi_env env, napi_value value) {
   std::size_t count = 0;
-  std::array<char16_t, 256>
-      small;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): written first
+  std::array<char16_t, 256> small;
   std::vector<char16_t> large;
   char16_t* units = small.data();
   check(env,
@@ -829,7 +842,7 @@ _variant_t cpp_bytes(napi_env env, napi_value value) {
 }
 
 _variant_t cpp_array(Host& host, napi_value elements) {
-  const napi_env env = host.env();
+  napi_env env = host.env();
   std::uint32_t count = 0;
   check(env, napi_get_array_length(env, elements, &count));
   _variant_t array;
@@ -848,8 +861,8 @@ _variant_t cpp_array(Host& host, napi_value elements) {
 IDispatch* new_callback(Host& host, napi_value function, std::uint32_t flags);
 
 _variant_t cpp_tagged(Host& host, napi_value value) {
-  const napi_env env = host.env();
-  const napi_value payload = element(env, value, 1);
+  napi_env env = host.env();
+  napi_value payload = element(env, value, 1);
   switch (static_cast<Tag>(cpp_unsigned(env, element(env, value, 0)))) {
     case Tag::kObject: {
       const std::uint32_t slot = cpp_unsigned(env, payload);
@@ -890,7 +903,7 @@ _variant_t cpp_number(napi_env env, napi_value value) {
 }
 
 _variant_t cpp_value(Host& host, napi_value value) {
-  const napi_env env = host.env();
+  napi_env env = host.env();
   napi_valuetype type = napi_undefined;
   check(env, napi_typeof(env, value, &type));
   _variant_t result;
@@ -972,7 +985,7 @@ class Arguments {
   }
   // Nothing for plain values.
   std::optional<Tag> tag_of(napi_value value) {
-    const napi_env env = host_.env();
+    napi_env env = host_.env();
     napi_valuetype type = napi_undefined;
     check(env, napi_typeof(env, value, &type));
     bool is_array = false;
@@ -1076,7 +1089,7 @@ HRESULT Callback::Invoke(DISPID member, REFIID riid, LCID, WORD flags,
   }
   if (std::this_thread::get_id() != life_->thread) return kWrongThread;
   if (!life_->alive) return kDisconnected;
-  const InScript running;
+  const InScript running(host_);
   // The script may let go of everything that keeps this.
   const auto held = InterfacePtr<IDispatch>::share(this);
   try {
@@ -1094,7 +1107,7 @@ HRESULT Callback::Invoke(DISPID member, REFIID riid, LCID, WORD flags,
 }
 
 HRESULT Callback::call(const DISPPARAMS* parameters, VARIANT* result) {
-  const napi_env env = host_.env();
+  napi_env env = host_.env();
   const UINT count = parameters == nullptr ? 0 : parameters->cArgs;
   std::vector<napi_value> arguments(count);
   for (UINT i = 0; i < count; ++i) {
@@ -1113,7 +1126,7 @@ HRESULT Callback::call(const DISPPARAMS* parameters, VARIANT* result) {
 // Keeps what was thrown for the script that made the call, and tells whoever is
 // in between that there was something.
 HRESULT Callback::failed(EXCEPINFO* exception) {
-  const napi_env env = host_.env();
+  napi_env env = host_.env();
   napi_value thrown = nullptr;
   if (napi_get_and_clear_last_exception(env, &thrown) != napi_ok) return E_FAIL;
   // References are to objects: what was thrown may be anything.
@@ -1187,7 +1200,7 @@ class Growth {
 
 napi_value invoked(Host& host, std::uint32_t slot, napi_value member, DISPID id,
                    std::uint32_t flags, Arguments& arguments) {
-  const napi_env env = host.env();
+  napi_env env = host.env();
   const InterfacePtr<IDispatch> object = host.dispatch(slot);
   const auto kind = static_cast<WORD>(flags & 0xF);
   const bool puts = kind == DISPATCH_PROPERTYPUT;
@@ -1198,14 +1211,14 @@ napi_value invoked(Host& host, std::uint32_t slot, napi_value member, DISPID id,
   Exception exception;
   const Growth growth((flags & kCarriesData) != 0);
   // A call inside a callback leaves alone what was thrown outside.
-  napi_ref const outer = host.take_pending();
+  napi_ref outer = host.take_pending();
   HRESULT code = S_OK;
   {
-    const InLibrary quiet;
+    const InLibrary quiet(host);
     code = object->Invoke(id, IID_NULL, 0, kind, &parameters,
                           puts ? nullptr : &result, &exception.info, nullptr);
   }
-  napi_ref const thrown = host.take_pending();
+  napi_ref thrown = host.take_pending();
   host.set_pending(outer);
   if (thrown != nullptr) {
     napi_value box = nullptr;
@@ -1241,7 +1254,7 @@ napi_value invoke(const Call& call) {
 
 // values(slots, id, flags): what that member of each object gives.
 napi_value values(const Call& call) {
-  const napi_env env = call.host.env();
+  napi_env env = call.host.env();
   std::uint32_t count = 0;
   check(env, napi_get_array_length(env, call.at(0), &count));
   napi_value result = nullptr;
@@ -1265,7 +1278,7 @@ napi_value create(const Call& call) {
   InterfacePtr<IDispatch> object;
   HRESULT code = S_OK;
   {
-    const InLibrary quiet;
+    const InLibrary quiet(call.host);
     code = object.receive([&](void** out) {
       return CoCreateInstanceByName(name, nullptr, CLSCTX_INPROC_SERVER,
                                     IID_IDispatch, out);
@@ -1280,12 +1293,12 @@ napi_value create(const Call& call) {
 
 // idOf(slot, name): undefined for a name that the object does not know.
 napi_value id_of(const Call& call) {
-  const napi_env env = call.host.env();
+  napi_env env = call.host.env();
   const InterfacePtr<IDispatch> object = call.host.dispatch(call.number(0));
   const _bstr_t name = cpp_text(env, call.at(1));
   wchar_t* text = name.m_s;
   DISPID id = DISPID_UNKNOWN;
-  const InLibrary quiet;
+  const InLibrary quiet(call.host);
   if (FAILED(object->GetIDsOfNames(IID_NULL, &text, 1, 0, &id))) {
     return undefined(env);
   }
@@ -1296,14 +1309,14 @@ napi_value id_of(const Call& call) {
 
 // next(slot, count, flags): an array of as many values, fewer at the end.
 napi_value next(const Call& call) {
-  const napi_env env = call.host.env();
+  napi_env env = call.host.env();
   const InterfacePtr<IEnumVARIANT> object =
       call.host.enumerator(call.number(0));
   std::vector<_variant_t> fetched(call.number(1));
   zir_types::ULONG count = 0;
   HRESULT code = S_OK;
   {
-    const InLibrary quiet;
+    const InLibrary quiet(call.host);
     code = object->Next(static_cast<zir_types::ULONG>(fetched.size()),
                         fetched.data(), &count);
   }
@@ -1334,11 +1347,11 @@ napi_value live(const Call& call) {
 
 // idle(library): whether it says that none of its objects is alive.
 napi_value idle(const Call& call) {
-  const napi_env env = call.host.env();
+  napi_env env = call.host.env();
   call.host.sweep();
   bool result = true;
   const _bstr_t name = cpp_text(env, call.at(0));
-  if (HMODULE const library = LoadLibraryW(name)) {
+  if (HMODULE library = LoadLibraryW(name)) {
     using CanUnload = HRESULT (*)();
     const auto can_unload =
         reinterpret_cast<CanUnload>(GetProcAddress(library, "DllCanUnloadNow"));
@@ -1379,7 +1392,7 @@ napi_value registry(const Call& call) {
 
 // setUp(wrap, fail, interface ids): see the Host's wrap() and fail().
 napi_value set_up(const Call& call) {
-  const napi_env env = call.host.env();
+  napi_env env = call.host.env();
   std::uint32_t count = 0;
   check(env, napi_get_array_length(env, call.at(2), &count));
   std::vector<IID> classes(count);
@@ -1392,8 +1405,7 @@ napi_value set_up(const Call& call) {
 
 template <napi_value (*function)(const Call&)>
 napi_value entry(napi_env env, napi_callback_info info) {
-  std::array<napi_value, 8>
-      few;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+  std::array<napi_value, 8> few = {};
   std::vector<napi_value> many;
   std::size_t count = few.size();
   const napi_value* arguments = few.data();

@@ -10,5 +10,5 @@ case "$([ -n "$formatter" ] && "$formatter" --version)" in
   *"version 14."*) ;;
   *) echo "skipped: needs clang-format 14" && exit 77 ;;
 esac
-find src tests bench examples \( -name '*.cpp' -o -name '*.h' \) -print0 |
+find src tests bench examples hosts tools \( -name '*.cpp' -o -name '*.h' \) -print0 |
   xargs -0 "$formatter" --dry-run -Werror

@@ -18,7 +18,7 @@ mkdir -p "$stamps"
 judge() {
   local stamp
   stamp=$stamps/${1//\//_}
-  if [ -e "$stamp" ] && [ -z "$(find src tests bench examples .clang-tidy \
+  if [ -e "$stamp" ] && [ -z "$(find src tests bench examples hosts tools .clang-tidy \
     \( -name '*.h' -o -name .clang-tidy -o -path "$1" \) \
     -newer "$stamp" -print -quit)" ]; then
     return 0
@@ -31,7 +31,7 @@ export -f judge
 export stamps tidy build
 # What is not configured, for want of a library say, has no entry there.
 # shellcheck disable=SC2016  # the inner shell expands it
-find src tests bench examples -name '*.cpp' -print0 |
+find src tests bench examples hosts tools -name '*.cpp' -print0 |
   while IFS= read -r -d '' source; do
     if grep -qF "/$source\"" "$build/compile_commands.json"; then
       printf '%s\0' "$source"

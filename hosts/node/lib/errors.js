@@ -20,6 +20,7 @@ const TEXTS = {
   '0x8002000E': 'the number of arguments is wrong',
   '0x8000FFFF': 'the object is in an unexpected state',
   '0x8007000E': 'out of memory',
+  '0x800401F3': 'there is no such library, or no such class in it',
   '0x80070057': 'an argument is wrong',
 };
 

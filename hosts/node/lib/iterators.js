@@ -31,6 +31,8 @@ class RowIterator extends ObjectIterator {
     this.recordset = handler.proxy;
     this.flags = handler.getFlags;
     this.fields = null; // kept, so that their slots stay
+    this.names = [];
+    this.slots = [];
   }
 
   next() {
@@ -57,20 +59,20 @@ class RowIterator extends ObjectIterator {
   begin() {
     const collection = this.recordset.Fields;
     this.fields = [];
-    this.names = [];
-    this.places = [];
+    const names = new Set();
     const count = Number(collection.Count);
     for (let place = 0; place < count; ++place) {
       const field = collection(place);
       // Of columns with one name the first counts, as for recordset(name).
       const name = field.Name;
-      if (this.names.includes(name)) {
+      if (names.has(name)) {
         field.release();
         continue;
       }
       this.fields.push(field);
-      this.names.push(name);
+      names.add(name);
     }
+    this.names = [...names];
     this.slots = this.fields.map((field) => field[HANDLER].slot);
     collection.release();
   }
