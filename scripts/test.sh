@@ -10,7 +10,9 @@ source "$(dirname "$0")/common.sh"
 
 need "${build_packages[@]}" ccache libgtest-dev libbenchmark-dev \
   odbc-postgresql postgresql odbc-mariadb mariadb-server \
-  clang libclang-rt-dev clang-format clang-tidy shellcheck python3
+  clang libclang-rt-dev clang-format clang-tidy shellcheck python3 \
+  libcli11-dev dpkg-dev file fakeroot pkgconf doxygen
+need_node
 
 # Warnings are errors where somebody looks at every change, and only there: a
 # newer compiler's new warning must not keep a stranger from building.
