@@ -1119,7 +1119,13 @@ HRESULT Callback::call(const DISPPARAMS* parameters, VARIANT* result) {
   napi_value returned = nullptr;
   check(env, napi_call_function(env, undefined(env), function, count,
                                 arguments.data(), &returned));
-  if (result != nullptr) *result = cpp_value(host_, returned).Detach();
+  if (result == nullptr) return S_OK;
+  VariantInit(result);
+  try {
+    *result = cpp_value(host_, returned).Detach();
+  } catch (const Thrown&) {  // what has no form there is nothing there
+    napi_get_and_clear_last_exception(env, &returned);
+  }
   return S_OK;
 }
 

@@ -23,8 +23,9 @@ const {
   HANDLER,
   encode,
   encodeArguments,
-  payloads,
   returnArguments,
+  settle,
+  settled,
 } = require('./values.js');
 const { RowIterator, ElementIterator, ItemIterator } = require('./iterators.js');
 
@@ -57,13 +58,18 @@ class Handler {
   // Calls.
 
   invoke(id, flags, parameters, written, what) {
-    const slot = this.liveSlot();
+    this.liveSlot(); // complained about before the arguments are
     if (written.length === 0) {
-      return native.invoke(slot, id, flags | this.flags);
+      return native.invoke(this.slot, id, flags | this.flags);
     }
     const encoded = encodeArguments(parameters, written, this.flags, what);
-    const sent = payloads(encoded);
-    const result = native.invoke(slot, id, flags | this.flags, ...encoded);
+    const sent = settle(encoded);
+    const result = native.invoke(
+      this.liveSlot(),
+      id,
+      flags | this.flags,
+      ...encoded,
+    );
     if (sent !== null) returnArguments(written, sent, encoded);
     return result;
   }
@@ -79,11 +85,12 @@ class Handler {
         `${what} is ${member.isMethod ? 'a method' : 'read-only'}`,
       );
     }
+    const encoded = settled(encode(value, this.flags, what));
     native.invoke(
       this.liveSlot(),
       member.id,
       PROPERTY_PUT | this.flags,
-      encode(value, this.flags, what),
+      encoded,
     );
   }
 
@@ -310,12 +317,9 @@ class UnknownHandler extends Handler {
   }
 
   put(name, value) {
-    native.invoke(
-      this.liveSlot(),
-      this.idOf(name),
-      PROPERTY_PUT | this.flags,
-      encode(value, this.flags, name),
-    );
+    const id = this.idOf(name);
+    const encoded = settled(encode(value, this.flags, name));
+    native.invoke(this.liveSlot(), id, PROPERTY_PUT | this.flags, encoded);
   }
 
   apply(target, self, written) {
@@ -354,7 +358,7 @@ class EnumeratorHandler extends Handler {
 // Inspection looks at what a proxy stands in front of, with the proxy as this.
 for (const each of [...classes, unknownClass]) {
   each.target[inspect.custom] = function describe(depth, options) {
-    return this[HANDLER].describe(depth, options);
+    return this[HANDLER]?.describe(depth, options) ?? `class ${each.name}`;
   };
 }
 

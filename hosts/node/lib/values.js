@@ -65,7 +65,7 @@ function callback(call, flags) {
     const result = call(...values);
     if (result === undefined) return undefined;
     try {
-      return encode(result, flags, 'the result');
+      return settled(encode(result, flags, 'the result'));
     } catch {
       return undefined; // what has no form there is nothing there
     }
@@ -107,7 +107,7 @@ function encode(value, flags, what, depth = 0) {
     case 'function': {
       const handler = value[HANDLER];
       if (handler === undefined) return callback(value, flags);
-      return [TAG_OBJECT, handler.liveSlot()];
+      return [TAG_OBJECT, handler];
     }
     case 'object':
       break;
@@ -134,6 +134,19 @@ function encode(value, flags, what, depth = 0) {
   );
 }
 
+/**
+ * What was encoded, with slots for objects. Not before everything is encoded:
+ * reading an array may run code of the script, and that may release an object.
+ */
+function settled(encoded) {
+  if (!Array.isArray(encoded)) return encoded;
+  const [tag, payload] = encoded;
+  if (tag === TAG_OBJECT) encoded[1] = payload.liveSlot();
+  if (tag === TAG_ARRAY) payload.forEach(settled);
+  if (tag === TAG_OUT) settled(payload);
+  return encoded;
+}
+
 function isSameBytes(left, right) {
   return (
     left instanceof Uint8Array &&
@@ -158,9 +171,11 @@ function isUnchanged(original, sent, received) {
         return received === original;
     }
   }
-  // A BigInt may come back as a number, never as another one.
-  // eslint-disable-next-line eqeqeq
-  if (typeof sent === 'bigint') return sent == received;
+  // An integer may come back in the other form, never as another one.
+  if (typeof sent === 'bigint' || typeof received === 'bigint') {
+    // eslint-disable-next-line eqeqeq
+    return sent == received;
+  }
   return Object.is(sent, received) || (sent === 0 && received === 0);
 }
 
@@ -246,12 +261,12 @@ function returnArguments(written, sent, encoded) {
 }
 
 /**
- * The payloads of arguments before a call, which writes over them; null when
- * none of them is written to.
+ * Makes encoded arguments ready for a call. The payloads that they have before
+ * it, because it writes over them; null when they are all plain values.
  */
-function payloads(encoded) {
+function settle(encoded) {
   return encoded.some(Array.isArray)
-    ? encoded.map((each) => (Array.isArray(each) ? each[1] : each))
+    ? encoded.map(settled).map((each) => (Array.isArray(each) ? each[1] : each))
     : null;
 }
 
@@ -262,6 +277,7 @@ module.exports = {
   variantDate,
   encode,
   encodeArguments,
-  payloads,
   returnArguments,
+  settle,
+  settled,
 };
