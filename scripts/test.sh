@@ -11,7 +11,7 @@ source "$(dirname "$0")/common.sh"
 need "${build_packages[@]}" ccache libgtest-dev libbenchmark-dev \
   odbc-postgresql postgresql odbc-mariadb mariadb-server \
   clang libclang-rt-dev clang-format clang-tidy shellcheck python3 \
-  libcli11-dev dpkg-dev file fakeroot pkgconf doxygen
+  libcli11-dev groff-base dpkg-dev file fakeroot pkgconf doxygen
 need_node
 
 # Warnings are errors where somebody looks at every change, and only there: a
@@ -25,7 +25,8 @@ for preset in "${presets[@]}"; do
   say "building $preset"
   # Said outright, because a tree may have been configured without them.
   quietly configure cmake --preset "$preset" -DZIRDB_WERROR=$werror \
-    -DZIRDB_BUILD_TESTS=ON -DZIRDB_BUILD_BENCH=ON -DZIRDB_BUILD_EXAMPLES=ON
+    -DZIRDB_BUILD_TESTS=ON -DZIRDB_BUILD_BENCH=ON -DZIRDB_BUILD_EXAMPLES=ON \
+    -DZIRDB_BUILD_TOOLS=ON -DZIRDB_BUILD_NODE=ON
   cmake --build --preset "$preset"
   say "testing $preset"
   ctest --preset "$preset"
