@@ -36,6 +36,10 @@ if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
   # The servers, with the locale and the driver table that their drivers ask
   # for, are those of journeys.cmake.
   set(servers "${CMAKE_CURRENT_BINARY_DIR}/servers")
+  set(document_node "")
+  if(TARGET zirdb_node)
+    set(document_node "${ZIRDB_NODE}")
+  endif()
   function(zirdb_document_check name document)
     cmake_parse_arguments(arg "" "SERVER;FIXTURE" "ENVIRONMENT" ${ARGN})
     if(arg_SERVER)
@@ -47,11 +51,14 @@ if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
     set_tests_properties(
       ${name}
       PROPERTIES ENVIRONMENT
-                 "REGISTRY=${PROJECT_BINARY_DIR}/registry;${arg_ENVIRONMENT}"
+                 "REGISTRY=${PROJECT_BINARY_DIR}/registry;NODE=${document_node};\
+${arg_ENVIRONMENT}"
                  FIXTURES_REQUIRED "${arg_FIXTURE}")
   endfunction()
   zirdb_document_check(build.readme_program_runs README.md)
-  foreach(page runtime objects reference types errors limits drivers)
+  zirdb_document_check(build.security_document_program_runs SECURITY.md)
+  zirdb_document_check(build.node_document_program_runs hosts/node/README.md)
+  foreach(page quickstart runtime objects reference types errors limits drivers)
     zirdb_document_check(build.${page}_document_program_runs docs/${page}.md)
   endforeach()
   zirdb_document_check(
@@ -60,6 +67,16 @@ if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
     ENVIRONMENT LC_ALL=C.UTF-8 "ODBCSYSINI=${servers}")
   zirdb_document_check(build.drivers_document_program_runs_on_mariadb
                        docs/drivers.md SERVER MariaDB FIXTURE mariadb)
+  if(TARGET zirdb_node)
+    zirdb_check(
+      examples.node "host;database" "${checks}/node_examples.sh"
+      "${ZIRDB_NODE}" "${PROJECT_SOURCE_DIR}/examples/node"
+      "${PROJECT_BINARY_DIR}")
+    zirdb_check(
+      examples.node_declarations "host;database"
+      "${checks}/node_declarations.sh" "${ZIRDB_NODE}" "${PROJECT_SOURCE_DIR}"
+      "${PROJECT_BINARY_DIR}")
+  endif()
   zirdb_check(build.documents_are_complete package
               "${checks}/document_completeness.sh" "${PROJECT_SOURCE_DIR}")
   zirdb_check(build.headers_stand_alone package "${checks}/headers.sh"

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 #
 # document_completeness.sh ROOT: the documents tell every member, every error
-# and every constant of the objects, and their links lead somewhere.
+# and every constant of the objects and every export of the Node.js host, each of
+# them is run, and their links lead somewhere.
 set -euo pipefail
 cd "$1"
 missing=0
@@ -138,10 +139,17 @@ for document in docs/*.md; do
   page=$(basename "$document" .md)
   grep -qE "foreach\(page .*\<$page\>" tests/build.cmake ||
     miss "tests/build.cmake: nothing runs $document"
+done
+for document in README.md SECURITY.md hosts/node/README.md; do
+  grep -qE "zirdb_document_check\([a-z._]+ $document\)" tests/build.cmake ||
+    miss "tests/build.cmake: nothing runs $document"
+done
+
+for document in *.md docs/*.md hosts/node/README.md; do
   while IFS= read -r link; do
     counted
     file=${link%%#*}
-    target=docs/$file
+    target=$(dirname "$document")/$file
     [ -n "$file" ] || target=$document
     if [ ! -e "$target" ]; then
       miss "$document: no file $link"
@@ -153,6 +161,28 @@ for document in docs/*.md; do
   done < <(awk '/^```/ { code = !code } !code' "$document" |
     grep -oE '\]\([^):]+\)' | sed 's/^](//; s/)$//')
 done
-expect_some 10 links
+expect_some 60 links
+
+# ---------------------------------------------------------------------------
+# The Node.js host
+# ---------------------------------------------------------------------------
+
+# Each export stands in the first column of the table of exports.
+exports=$(sed -n '/^module.exports = {/,/^};/s/^  \([A-Za-z]*\),$/\1/p' \
+  hosts/node/index.js)
+table=$(section hosts/node/README.md 'What the package gives' |
+  grep '^| `' | cut -d'|' -f2)
+for export in $exports; do
+  counted
+  grep -qE "\`$export(\(|\`)" <<<"$table" ||
+    miss "hosts/node/README.md: no row for $export"
+done
+expect_some 13 exports
+
+# README shows the first example as it stands.
+diff -u --label README.md --label examples/node/first.js \
+  <(awk '/^```js/ { code = 1; next } /^```/ && code { exit } code' README.md) \
+  <(sed '1,/^$/d' examples/node/first.js) ||
+  miss "README.md: not the example"
 
 [ "$missing" -eq 0 ]
