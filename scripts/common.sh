@@ -53,17 +53,20 @@ need() {
 # shellcheck disable=SC2034  # the scripts that source this use it
 build_packages=(g++ cmake ninja-build unixodbc-dev uuid-dev libsqliteodbc)
 
-# Node.js 18 or later with what its addons are compiled with: what is there, or
-# else Debian's. npm, where there is one, brings the pinned header, and the
-# compiler that checks the declarations.
+# Node.js 18 or later and the header that addons are compiled with: what is
+# there, or else Debian's, or else npm's.
 need_node() {
   command -v node >/dev/null || need nodejs
-  if command -v npm >/dev/null &&
-    { [ -e hosts/node/node_modules/.package-lock.json ] ||
-      quietly npm npm ci --prefix hosts/node; }; then
-    return 0
-  fi
   local prefix
   prefix=$(dirname "$(dirname "$(readlink -f "$(command -v node)")")")
-  [ -e "$prefix/include/node/node_api.h" ] || need libnode-dev
+  [ -e "$prefix/include/node/node_api.h" ] || need libnode-dev ||
+    need_node_packages
+}
+
+# What hosts/node/package.json pins, among it the compiler that checks the
+# declarations. Without npm there is none, and the check counts as skipped.
+need_node_packages() {
+  command -v npm >/dev/null || return 0
+  [ hosts/node/node_modules/.package-lock.json -nt hosts/node/package.json ] ||
+    quietly npm npm ci --prefix hosts/node
 }

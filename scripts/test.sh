@@ -13,6 +13,7 @@ need "${build_packages[@]}" ccache libgtest-dev libbenchmark-dev \
   clang libclang-rt-dev clang-format clang-tidy shellcheck python3 \
   libcli11-dev groff-base dpkg-dev file fakeroot pkgconf doxygen
 need_node
+need_node_packages || say "npm fails: the declarations are not checked"
 
 # Warnings are errors where somebody looks at every change, and only there: a
 # newer compiler's new warning must not keep a stranger from building.

@@ -13,17 +13,12 @@ zirdb_check(build.exports_are_the_reviewed_list package
 zirdb_check(
   build.only_the_fifteen_odbc_calls_are_imported package
   "${checks}/odbc_imports.sh" $<TARGET_FILE:zirdb> "${checks}/odbc_imports.txt")
-if(TARGET query)
-  zirdb_check(
-    examples.packages "component;database" "${checks}/packages_example.sh"
-    $<TARGET_FILE:query> "${PROJECT_SOURCE_DIR}/examples/packages.sh")
-  zirdb_check(examples.query_reports_errors "component;database"
-              "${checks}/query_errors.sh" $<TARGET_FILE:query>)
+if(TARGET host)
   zirdb_check(examples.host "component;database" "${checks}/host_example.sh"
               $<TARGET_FILE:host>)
   set_tests_properties(
-    examples.packages examples.query_reports_errors examples.host
-    PROPERTIES ENVIRONMENT "REGISTRY=${PROJECT_BINARY_DIR}/registry")
+    examples.host PROPERTIES ENVIRONMENT
+                             "REGISTRY=${PROJECT_BINARY_DIR}/registry")
 endif()
 
 # What follows looks at sources or at the library as released: once is enough,

@@ -209,6 +209,12 @@ class Host {
     return InterfacePtr<IEnumVARIANT>::share(enumerator);
   }
 
+  // Which argument is being read, in front of a complaint; 0 for none.
+  void set_argument(std::size_t number) { argument_ = number; }
+  std::string argument() const {
+    return argument_ == 0 ? "" : "argument " + std::to_string(argument_) + ": ";
+  }
+
   // By how many bytes the heap has grown since the last time.
   std::int64_t heap_growth() {
     const struct mallinfo2 heap = mallinfo2();
@@ -274,6 +280,7 @@ class Host {
   std::int64_t unreported_ = 0;
   std::int64_t grown_ = 0;  // bytes reported since the last sweep
   std::int64_t heap_bytes_ = 0;
+  std::size_t argument_ = 0;
   int depth_ = 0;
 
   friend class InLibrary;
@@ -770,7 +777,8 @@ std::uint32_t cpp_unsigned(napi_env env, napi_value value) {
 }
 
 // A text without zeros: what reads it ends there.
-_bstr_t cpp_text(napi_env env, napi_value value) {
+_bstr_t cpp_text(Host& host, napi_value value) {
+  napi_env env = host.env();
   std::size_t count = 0;
   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): written first
   std::array<char16_t, 256> small;
@@ -786,7 +794,7 @@ _bstr_t cpp_text(napi_env env, napi_value value) {
           napi_get_value_string_utf16(env, value, units, large.size(), &count));
   }
   if (count > std::numeric_limits<UINT>::max() - 1) {
-    throw_type_error(env, "a text is too long");
+    throw_type_error(env, host.argument() + "a text is too long");
   }
   _bstr_t text(SysAllocStringLen(nullptr, static_cast<UINT>(count)), false);
   if (text.m_s == nullptr) throw std::bad_alloc();
@@ -794,7 +802,8 @@ _bstr_t cpp_text(napi_env env, napi_value value) {
   for (std::size_t i = 0; i < count; ++i) {
     const std::uint32_t unit = units[i];
     if (unit == 0) {
-      throw_type_error(env, "a text holds U+0000, where it would end");
+      throw_type_error(
+          env, host.argument() + "a text holds U+0000, where it would end");
     }
     const bool pair = (unit & 0xFC00) == 0xD800 && i + 1 < count &&
                       (units[i + 1] & 0xFC00) == 0xDC00;
@@ -925,14 +934,15 @@ _variant_t cpp_value(Host& host, napi_value value) {
       bool lossless = false;
       check(env, napi_get_value_bigint_int64(env, value, &number, &lossless));
       if (!lossless) {
-        napi_throw_range_error(env, nullptr,
-                               "a BigInt does not fit into 64 bits");
+        const std::string message =
+            host.argument() + "a BigInt does not fit into 64 bits";
+        napi_throw_range_error(env, nullptr, message.c_str());
         throw Thrown();
       }
       return number;
     }
     case napi_string:
-      result.bstrVal = cpp_text(env, value).Detach();
+      result.bstrVal = cpp_text(host, value).Detach();
       result.vt = VT_BSTR;
       return result;
     case napi_object: {
@@ -952,6 +962,7 @@ class Arguments {
       : host_(host), values_(values), count_(count) {
     if (count > few_.size()) many_.resize(count);
     for (std::size_t i = 0; i < count; ++i) {
+      host.set_argument(i + 1);
       variant(i) = cpp_value(host, values[i]);
       const auto tag = tag_of(values[i]);
       if (tag == Tag::kOut) {
@@ -961,6 +972,7 @@ class Arguments {
       }
       writes_back_ = writes_back_ || tag == Tag::kOut || tag == Tag::kArray;
     }
+    host.set_argument(0);
   }
 
   VARIANT* variants() { return many_.empty() ? few_.data() : many_.data(); }
@@ -1149,7 +1161,7 @@ HRESULT Callback::failed(EXCEPINFO* exception) {
   napi_value text = nullptr;
   if (napi_coerce_to_string(env, thrown, &text) == napi_ok) {
     try {
-      exception->bstrDescription = cpp_text(env, text).Detach();
+      exception->bstrDescription = cpp_text(host_, text).Detach();
     } catch (const Thrown&) {
       napi_get_and_clear_last_exception(env, &thrown);
     }
@@ -1280,7 +1292,7 @@ napi_value values(const Call& call) {
 
 // create(program id, flags)
 napi_value create(const Call& call) {
-  const _bstr_t name = cpp_text(call.host.env(), call.at(0));
+  const _bstr_t name = cpp_text(call.host, call.at(0));
   InterfacePtr<IDispatch> object;
   HRESULT code = S_OK;
   {
@@ -1301,7 +1313,7 @@ napi_value create(const Call& call) {
 napi_value id_of(const Call& call) {
   napi_env env = call.host.env();
   const InterfacePtr<IDispatch> object = call.host.dispatch(call.number(0));
-  const _bstr_t name = cpp_text(env, call.at(1));
+  const _bstr_t name = cpp_text(call.host, call.at(1));
   wchar_t* text = name.m_s;
   DISPID id = DISPID_UNKNOWN;
   const InLibrary quiet(call.host);
@@ -1356,7 +1368,7 @@ napi_value idle(const Call& call) {
   napi_env env = call.host.env();
   call.host.sweep();
   bool result = true;
-  const _bstr_t name = cpp_text(env, call.at(0));
+  const _bstr_t name = cpp_text(call.host, call.at(0));
   if (HMODULE library = LoadLibraryW(name)) {
     using CanUnload = HRESULT (*)();
     const auto can_unload =
@@ -1430,7 +1442,7 @@ napi_value entry(napi_env env, napi_callback_info info) {
     }
     return function({*host, arguments, count});
   } catch (const Thrown&) {
-    return nullptr;
+    host->set_argument(0);
   } catch (const std::bad_alloc&) {
     napi_throw_error(env, "ERR_MEMORY_ALLOCATION_FAILED", "out of memory");
   } catch (const std::exception& error) {

@@ -1,3 +1,4 @@
+/// <reference lib="esnext.disposable" />
 // zirdb for Node.js: scriptable database objects over ODBC.
 
 /** What comes back: undefined for Empty, null for NULL. */
@@ -29,6 +30,9 @@ export type Argument =
   | AutomationObject
   | ((...values: any[]) => unknown);
 
+/** A statement that gives a recordset, as its beginning tells. */
+export type Select = `${'SELECT' | 'Select' | 'select'} ${string}`;
+
 /** One row of a recordset: column names and values. */
 export type Row = Record<string, any>;
 
@@ -36,6 +40,8 @@ export type Row = Record<string, any>;
 export interface AutomationObject {
   /** Drops the reference to the object; every further use fails. */
   release(): void;
+  /** The same, for `using`. */
+  [Symbol.dispose](): void;
 }
 
 /** An object of a class that this package has no table of. */

@@ -31,6 +31,17 @@ function typed(parameter) {
   return `${parameter.name}${optional ? '?' : ''}: ${type}`;
 }
 
+// A statement that is seen to select gives what it selects.
+function signatures(parameters, returns) {
+  const selects = parameters.find((parameter) => 'selects' in parameter);
+  const general = `(${parameters.map(typed).join(', ')}): ${returns}`;
+  if (selects === undefined) return [general];
+  const selecting = parameters.map((parameter) =>
+    parameter === selects ? `${parameter.name}: Select` : typed(parameter),
+  );
+  return [`(${selecting.join(', ')}): ${selects.selects}`, general];
+}
+
 // The type of a property or of what a call returns: integers may be BigInts.
 const READ_TYPES = { Value: 'any', number: 'number' };
 const readType = (type) => READ_TYPES[type] ?? type;
@@ -43,16 +54,19 @@ function declarationOf(row) {
     `export interface ${row.name} extends AutomationObject {`,
   ];
   if (row.call !== undefined) {
-    const parameters = row.call.arguments.map(typed).join(', ');
-    lines.push(comment(row.call.summary, '  '));
-    lines.push(`  (${parameters}): ${row.call.returns};`);
+    for (const each of signatures(row.call.arguments, row.call.returns)) {
+      lines.push(comment(row.call.summary, '  '), `  ${each};`);
+    }
   }
   for (const member of row.members) {
-    lines.push(comment(member.summary, '  '));
     if (member.kind === 'method') {
-      const parameters = member.arguments.map(typed).join(', ');
-      lines.push(`  ${member.name}(${parameters}): ${member.returns};`);
-    } else if (member.puts !== undefined) {
+      for (const each of signatures(member.arguments, member.returns)) {
+        lines.push(comment(member.summary, '  '), `  ${member.name}${each};`);
+      }
+      continue;
+    }
+    lines.push(comment(member.summary, '  '));
+    if (member.puts !== undefined) {
       lines.push(`  get ${member.name}(): ${readType(member.type)};`);
       lines.push(`  set ${member.name}(value: ${member.puts});`);
     } else {

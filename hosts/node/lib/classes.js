@@ -15,6 +15,12 @@ class Member {
     this.index = index;
     this.isMethod = row.kind === 'method';
     this.isWritable = row.writable === true;
+    // In a log a connection string could show a password, and objects would
+    // have to be made for it.
+    this.isShown =
+      !this.isMethod &&
+      row.isSecret !== true &&
+      !/^[A-Z](?!alue$)/.test(row.type);
     this.parameters = row.arguments ?? [];
     this.flags = METHOD | (row.carriesData ? CARRIES_DATA : 0);
     this.id = 0; // of the first object of the class
@@ -26,6 +32,8 @@ class Class {
     this.name = row === undefined ? 'object' : `ZIRDB.${row.name}`;
     this.iid = row?.iid;
     this.isKnown = row !== undefined;
+    // Whether it lives by itself, whatever it was found through.
+    this.isIndependent = row?.isIndependent === true;
     this.iterates = row?.iterates?.as;
     // What object(...) takes; absent where there is no such call.
     this.callParameters = row?.call?.arguments;

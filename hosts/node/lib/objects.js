@@ -32,6 +32,9 @@ const { RowIterator, ElementIterator, ItemIterator } = require('./iterators.js')
 // The objects that came up in each scope() that is running, innermost last.
 const scopes = [];
 
+// The handler whose call is under way, while the addon has it.
+let caller = null;
+
 class Handler {
   constructor(slot, theClass, flags) {
     this.slot = slot; // 0: released
@@ -40,6 +43,7 @@ class Handler {
     this.getFlags = flags | PROPERTY_GET;
     this.proxy = null;
     this.functions = null;
+    this.source = null; // what this came out of
   }
 
   get name() {
@@ -58,24 +62,38 @@ class Handler {
   // Calls.
 
   invoke(id, flags, parameters, written, what) {
+    if (written.length === 0) return this.evaluate(id, flags | this.flags);
     this.liveSlot(); // complained about before the arguments are
-    if (written.length === 0) {
-      return native.invoke(this.slot, id, flags | this.flags);
-    }
     const encoded = encodeArguments(parameters, written, this.flags, what);
     const sent = settle(encoded);
-    const result = native.invoke(
-      this.liveSlot(),
-      id,
-      flags | this.flags,
-      ...encoded,
-    );
+    caller = this;
+    let result;
+    try {
+      result = native.invoke(
+        this.liveSlot(),
+        id,
+        flags | this.flags,
+        ...encoded,
+      );
+    } finally {
+      caller = null;
+    }
     if (sent !== null) returnArguments(written, sent, encoded);
     return result;
   }
 
   read(member) {
-    return native.invoke(this.liveSlot(), member.id, this.getFlags);
+    return this.evaluate(member.id, this.getFlags);
+  }
+
+  // A call without arguments.
+  evaluate(id, flags) {
+    caller = this;
+    try {
+      return native.invoke(this.liveSlot(), id, flags);
+    } finally {
+      caller = null;
+    }
   }
 
   write(member, value) {
@@ -111,6 +129,7 @@ class Handler {
     const slot = this.slot;
     if (slot === 0) return;
     this.slot = 0;
+    this.source = null;
     native.release(slot);
   }
 
@@ -132,10 +151,7 @@ class Handler {
     if (this.slot === 0) return `${this.name} (released)`;
     const shown = {};
     for (const member of this.class.list) {
-      // Objects would have to be made for it.
-      if (member.isMethod || /^(Fields|Parameters|_NewEnum)$/.test(member.name)) {
-        continue;
-      }
+      if (!member.isShown) continue;
       try {
         shown[member.name] = this.read(member);
       } catch (error) {
@@ -154,9 +170,7 @@ class Handler {
       case 'enumerator':
         return () =>
           new ElementIterator(
-            native.invoke(this.liveSlot(), DISPID_NEWENUM, this.getFlags)[
-              HANDLER
-            ],
+            this.evaluate(DISPID_NEWENUM, this.getFlags)[HANDLER],
           );
       default:
         return undefined;
@@ -166,8 +180,6 @@ class Handler {
   // What is there besides members; undefined says that it is not there.
   own(key) {
     switch (key) {
-      case HANDLER:
-        return this;
       case Symbol.iterator:
         return this.iterator();
       case Symbol.toPrimitive:
@@ -195,9 +207,9 @@ class Handler {
     if (member !== undefined) {
       return member.isMethod && this.slot !== 0
         ? this.method(member)
-        : native.invoke(this.liveSlot(), member.id, this.getFlags);
+        : this.read(member);
     }
-    return this.getOther(key);
+    return key === HANDLER ? this : this.getOther(key);
   }
 
   getOther(key) {
@@ -303,6 +315,7 @@ class UnknownHandler extends Handler {
   }
 
   get(target, key) {
+    if (key === HANDLER) return this;
     if (typeof key === 'symbol' || this.own(key) !== undefined) {
       return this.own(key);
     }
@@ -378,6 +391,9 @@ function wrap(slot, classIndex, flags) {
   // A function that was taken from an object keeps its handler, and that the
   // proxy: the addon lets the object go when the proxy is gone.
   handler.proxy = new Proxy(theClass.target, handler);
+  // A recordset is closed when the last reference to its connection goes: as
+  // long as a script has the one, or a field of it, the other is no garbage.
+  if (!theClass.isIndependent) handler.source = caller;
   if (scopes.length > 0) scopes.at(-1).push(handler);
   return handler.proxy;
 }
@@ -467,7 +483,7 @@ function call(object, name, ...written) {
 function get(object, name) {
   const handler = handlerOf(object);
   if (!(handler instanceof UnknownHandler)) return handler.get(undefined, name);
-  return native.invoke(handler.liveSlot(), handler.idOf(name), handler.getFlags);
+  return handler.evaluate(handler.idOf(name), handler.getFlags);
 }
 
 function put(object, name, value) {
