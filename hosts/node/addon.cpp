@@ -49,6 +49,7 @@ namespace {
 // What lib/ adds to the flags of a call, above those of Invoke.
 constexpr std::uint32_t kBigInts = 1U << 16;
 constexpr std::uint32_t kCarriesData = 1U << 17;
+constexpr std::uint32_t kMakesProxy = 1U << 18;
 
 // Arguments that are no plain value arrive as [tag, payload].
 enum class Tag : std::uint32_t { kObject, kDate, kArray, kOut, kCallback };
@@ -171,7 +172,13 @@ class Host {
   const std::shared_ptr<Life>& life() const { return life_; }
   std::size_t live() const { return live_; }
 
-  void set_up(napi_value wrap, napi_value fail, std::vector<IID> classes) {
+  void set_up(napi_value wrap, napi_value fail, std::vector<IID> classes,
+              napi_value fresh) {
+    void* data = nullptr;
+    check(env_, napi_get_typedarray_info(env_, fresh, nullptr, nullptr, &data,
+                                         nullptr, nullptr));
+    fresh_ = static_cast<std::int32_t*>(data);
+    check(env_, napi_create_reference(env_, fresh, 1, &fresh_reference_));
     check(env_, napi_create_reference(env_, wrap, 1, &wrap_));
     check(env_, napi_create_reference(env_, fail, 1, &fail_));
     classes_ = std::move(classes);
@@ -182,9 +189,14 @@ class Host {
   // The proxy of an object; NULL has null.
   napi_value wrap(InterfacePtr<IUnknown> object, std::uint32_t flags,
                   std::int64_t bytes = 0);
-  // The same for an interface that is one already.
+  // The same for an interface that is one already. For a caller that makes
+  // proxies itself, NULL for a new object: slot and class are in `fresh`.
   napi_value wrap_dispatch(InterfacePtr<IDispatch> dispatch,
                            std::uint32_t flags, std::int64_t bytes);
+
+  void attach(std::uint32_t slot, napi_value proxy) {
+    check(env_, napi_create_reference(env_, proxy, 0, &entry(slot).proxy));
+  }
 
   // Keeps the object alive while it is called: a script may release it in the
   // middle.
@@ -269,6 +281,8 @@ class Host {
   napi_ref wrap_ = nullptr;
   napi_ref fail_ = nullptr;
   napi_ref pending_ = nullptr;
+  napi_ref fresh_reference_ = nullptr;
+  std::int32_t* fresh_ = nullptr;  // two numbers that lib/ reads
   std::vector<IID> classes_;
   std::vector<Slot> slots_;
   std::vector<std::uint32_t> free_;
@@ -323,7 +337,8 @@ class InScript {
 };
 
 std::int32_t Host::class_of(IDispatch* dispatch) const {
-  for (std::size_t i = 0; i < classes_.size(); ++i) {
+  // Backwards: those that come up by the million are at the end.
+  for (std::size_t i = classes_.size(); i-- > 0;) {
     InterfacePtr<IUnknown> own;
     if (SUCCEEDED(own.receive([&](void** out) {
           return dispatch->QueryInterface(classes_[i], out);
@@ -369,7 +384,13 @@ napi_value Host::wrap_dispatch(InterfacePtr<IDispatch> dispatch,
   slot.dispatch = dispatch.get();
   slot.object = InterfacePtr<IUnknown>::adopt(dispatch.detach());
   slot.bytes = bytes;
-  return proxy_for(take(std::move(slot)), flags);
+  const std::int32_t class_index = slot.class_index;
+  const std::uint32_t number = take(std::move(slot));
+  if ((flags & kMakesProxy) == 0) return proxy_for(number, flags);
+  report(bytes);
+  fresh_[0] = static_cast<std::int32_t>(number);
+  fresh_[1] = class_index;
+  return nullptr;
 }
 
 std::uint32_t Host::take(Slot slot) {
@@ -426,11 +447,18 @@ void Host::release(std::uint32_t number) {
 }
 
 void Host::sweep() {
-  // NOLINTNEXTLINE(modernize-loop-convert): releasing may add slots
-  for (std::uint32_t number = 1; number < slots_.size(); ++number) {
-    if (slots_[number].proxy == nullptr) continue;
+  const InLibrary quiet(*this);         // once, instead of for each object
+  constexpr std::size_t portion = 256;  // of handles in one scope
+  for (std::size_t begin = 1; begin < slots_.size(); begin += portion) {
     const HandleScope scope(env_);
-    if (referenced(slots_[number].proxy) == nullptr) release(number);
+    // Releasing may add slots.
+    for (std::size_t number = begin;
+         number < std::min(slots_.size(), begin + portion); ++number) {
+      if (slots_[number].proxy == nullptr) continue;
+      if (referenced(slots_[number].proxy) == nullptr) {
+        release(static_cast<std::uint32_t>(number));
+      }
+    }
   }
   sweep_at_ = std::max<std::size_t>(1024, 2 * live_);
   grown_ = 0;
@@ -649,8 +677,10 @@ napi_value js_array(Host& host, VARTYPE type, SAFEARRAY* array,
   for (std::size_t i = 0; i < count; ++i) {
     const HandleScope scope(env);
     VARIANT element = value_at(type, first + i * array->cbElements);
-    check(env, napi_set_element(env, result, static_cast<std::uint32_t>(i),
-                                js_value(host, element, flags, false)));
+    // Only what a call returns by itself can be without a proxy.
+    check(env, napi_set_element(
+                   env, result, static_cast<std::uint32_t>(i),
+                   js_value(host, element, flags & ~kMakesProxy, false)));
   }
   return result;
 }
@@ -960,7 +990,11 @@ class Arguments {
  public:
   Arguments(Host& host, const napi_value* values, std::size_t count)
       : host_(host), values_(values), count_(count) {
-    if (count > few_.size()) many_.resize(count);
+    if (count > kFew) {
+      many_.resize(count);
+    } else if (count > 0) {
+      few_.emplace();
+    }
     for (std::size_t i = 0; i < count; ++i) {
       host.set_argument(i + 1);
       variant(i) = cpp_value(host, values[i]);
@@ -975,7 +1009,10 @@ class Arguments {
     host.set_argument(0);
   }
 
-  VARIANT* variants() { return many_.empty() ? few_.data() : many_.data(); }
+  VARIANT* variants() {
+    if (few_) return few_->data();
+    return many_.empty() ? nullptr : many_.data();
+  }
   UINT count() const { return static_cast<UINT>(count_); }
 
   // Replaces the payloads of outs and arrays by what they hold now.
@@ -993,7 +1030,7 @@ class Arguments {
  private:
   _variant_t& variant(std::size_t index) {
     const std::size_t place = count_ - 1 - index;
-    return many_.empty() ? few_[place] : many_[place];
+    return few_ ? (*few_)[place] : many_[place];
   }
   // Nothing for plain values.
   std::optional<Tag> tag_of(napi_value value) {
@@ -1009,7 +1046,8 @@ class Arguments {
   Host& host_;
   const napi_value* values_;
   std::size_t count_;
-  std::array<_variant_t, 4> few_;
+  static constexpr std::size_t kFew = 4;
+  std::optional<std::array<_variant_t, kFew>> few_;
   std::vector<_variant_t> many_;
   // References lead to them: they stay where they are.
   std::vector<std::unique_ptr<_variant_t>> outs_;
@@ -1257,7 +1295,7 @@ napi_value invoked(Host& host, std::uint32_t slot, napi_value member, DISPID id,
               info.bstrDescription, slot, member);
   }
   if (FAILED(code)) host.fail(code, nullptr, nullptr, slot, member);
-  arguments.write_back(flags);
+  arguments.write_back(flags & ~kMakesProxy);
   return js_value(host, result, flags, true, growth.bytes(host));
 }
 
@@ -1268,26 +1306,6 @@ napi_value invoke(const Call& call) {
                       call.count > fixed ? call.count - fixed : 0);
   return invoked(call.host, call.number(0), call.at(1), call.integer(1),
                  call.number(2), arguments);
-}
-
-// values(slots, id, flags): what that member of each object gives.
-napi_value values(const Call& call) {
-  napi_env env = call.host.env();
-  std::uint32_t count = 0;
-  check(env, napi_get_array_length(env, call.at(0), &count));
-  napi_value result = nullptr;
-  check(env, napi_create_array_with_length(env, count, &result));
-  const DISPID id = call.integer(1);
-  const std::uint32_t flags = call.number(2);
-  Arguments none(call.host, nullptr, 0);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    const HandleScope scope(env);
-    const std::uint32_t slot = cpp_unsigned(env, element(env, call.at(0), i));
-    check(env, napi_set_element(
-                   env, result, i,
-                   invoked(call.host, slot, call.at(1), id, flags, none)));
-  }
-  return result;
 }
 
 // create(program id, flags)
@@ -1357,6 +1375,13 @@ napi_value release(const Call& call) {
   return undefined(call.host.env());
 }
 
+// attach(slot, proxy): makes it the proxy of the object that a call left
+// without.
+napi_value attach(const Call& call) {
+  call.host.attach(call.number(0), call.at(1));
+  return undefined(call.host.env());
+}
+
 // live(): the number of objects of this environment.
 napi_value live(const Call& call) {
   call.host.sweep();
@@ -1408,7 +1433,8 @@ napi_value registry(const Call& call) {
   return value;
 }
 
-// setUp(wrap, fail, interface ids): see the Host's wrap() and fail().
+// setUp(wrap, fail, interface ids, fresh): what the Host calls, and where it
+// leaves new objects.
 napi_value set_up(const Call& call) {
   napi_env env = call.host.env();
   std::uint32_t count = 0;
@@ -1417,7 +1443,7 @@ napi_value set_up(const Call& call) {
   for (std::uint32_t i = 0; i < count; ++i) {
     classes[i] = cpp_iid(env, element(env, call.at(2), i));
   }
-  call.host.set_up(call.at(0), call.at(1), std::move(classes));
+  call.host.set_up(call.at(0), call.at(1), std::move(classes), call.at(3));
   return undefined(env);
 }
 
@@ -1510,9 +1536,9 @@ NAPI_MODULE_INIT() {
     add(env, exports, "create", entry<create>, host.get());
     add(env, exports, "idOf", entry<id_of>, host.get());
     add(env, exports, "invoke", entry<invoke>, host.get());
-    add(env, exports, "values", entry<values>, host.get());
     add(env, exports, "next", entry<next>, host.get());
     add(env, exports, "release", entry<release>, host.get());
+    add(env, exports, "attach", entry<attach>, host.get());
     add(env, exports, "live", entry<live>, host.get());
     add(env, exports, "registry", entry<registry>, host.get());
     add(env, exports, "idle", entry<idle>, host.get());

@@ -29,17 +29,23 @@ class RowIterator extends ObjectIterator {
   constructor(handler) {
     super();
     this.recordset = handler.proxy;
+    this.handler = handler;
+    this.eof = handler.class.members.get('EOF');
+    this.moveNext = handler.class.members.get('MoveNext');
     this.flags = handler.getFlags;
     this.fields = null; // kept, so that their slots stay
     this.names = [];
-    this.slots = [];
+    this.handlers = [];
   }
 
   next() {
     if (this.recordset === null) return DONE;
     try {
-      if (this.fields !== null) this.recordset.MoveNext();
-      if (this.recordset.EOF) {
+      const { handler } = this;
+      if (this.fields !== null) {
+        handler.invoke(this.moveNext.id, this.moveNext.flags, [], []);
+      }
+      if (handler.read(this.eof)) {
         this.finish();
         return DONE;
       }
@@ -73,24 +79,25 @@ class RowIterator extends ObjectIterator {
       names.add(name);
     }
     this.names = [...names];
-    this.slots = this.fields.map((field) => field[HANDLER].slot);
+    this.handlers = this.fields.map((field) => field[HANDLER]);
     collection.release();
   }
 
   row() {
-    const values = native.values(this.slots, DISPID_VALUE, this.flags);
+    const { names, handlers, flags } = this;
     const row = {};
-    for (let i = 0; i < values.length; ++i) {
-      const name = this.names[i];
+    for (let i = 0; i < handlers.length; ++i) {
+      const name = names[i];
+      const value = native.invoke(handlers[i].liveSlot(), DISPID_VALUE, flags);
       if (name === '__proto__') {
         Object.defineProperty(row, name, {
-          value: values[i],
+          value,
           configurable: true,
           enumerable: true,
           writable: true,
         });
       } else {
-        row[name] = values[i];
+        row[name] = value;
       }
     }
     return row;

@@ -16,6 +16,8 @@ module.exports = {
   BIG_INTS: 1 << 16,
   // The result may be large: the garbage collector is told.
   CARRIES_DATA: 1 << 17,
+  // The caller makes the proxy of a new object that comes back.
+  MAKES_PROXY: 1 << 18,
 
   // Arguments that are no plain value go as [tag, payload].
   TAG_OBJECT: 0,

@@ -12,6 +12,7 @@ const {
   PROPERTY_GET,
   PROPERTY_PUT,
   BIG_INTS,
+  MAKES_PROXY,
   UNKNOWN_CLASS,
   ENUMERATOR,
   DISPID_VALUE,
@@ -34,6 +35,10 @@ const scopes = [];
 
 // The handler whose call is under way, while the addon has it.
 let caller = null;
+
+// The slot of an object that a call gave back without a proxy, or 0, and its
+// class. A way back into wrap() would take the addon longer.
+const fresh = new Int32Array(2);
 
 class Handler {
   constructor(slot, theClass, flags) {
@@ -62,37 +67,60 @@ class Handler {
   // Calls.
 
   invoke(id, flags, parameters, written, what) {
-    if (written.length === 0) return this.evaluate(id, flags | this.flags);
+    if (written.length === 0) return this.evaluate(id, flags);
     this.liveSlot(); // complained about before the arguments are
     const encoded = encodeArguments(parameters, written, this.flags, what);
     const sent = settle(encoded);
-    caller = this;
-    let result;
-    try {
-      result = native.invoke(
-        this.liveSlot(),
-        id,
-        flags | this.flags,
-        ...encoded,
-      );
-    } finally {
-      caller = null;
-    }
+    const result = this.call(id, flags, encoded);
     if (sent !== null) returnArguments(written, sent, encoded);
     return result;
   }
 
   read(member) {
-    return this.evaluate(member.id, this.getFlags);
+    return this.evaluate(member.id, PROPERTY_GET);
   }
 
   // A call without arguments.
   evaluate(id, flags) {
     caller = this;
     try {
-      return native.invoke(this.liveSlot(), id, flags);
+      const result = native.invoke(
+        this.liveSlot(),
+        id,
+        flags | this.flags | MAKES_PROXY,
+      );
+      return fresh[0] === 0 ? result : this.adopt();
     } finally {
       caller = null;
+    }
+  }
+
+  // A call with arguments as the addon takes them.
+  call(id, flags, encoded) {
+    caller = this;
+    try {
+      const result = native.invoke(
+        this.liveSlot(),
+        id,
+        flags | this.flags | MAKES_PROXY,
+        ...encoded,
+      );
+      return fresh[0] === 0 ? result : this.adopt();
+    } finally {
+      caller = null;
+    }
+  }
+
+  adopt() {
+    const slot = fresh[0];
+    fresh[0] = 0;
+    try {
+      const proxy = wrap(slot, fresh[1], this.flags);
+      native.attach(slot, proxy);
+      return proxy;
+    } catch (error) {
+      native.release(slot); // nobody else knows it
+      throw error;
     }
   }
 
@@ -170,7 +198,7 @@ class Handler {
       case 'enumerator':
         return () =>
           new ElementIterator(
-            this.evaluate(DISPID_NEWENUM, this.getFlags)[HANDLER],
+            this.evaluate(DISPID_NEWENUM, PROPERTY_GET)[HANDLER],
           );
       default:
         return undefined;
@@ -243,15 +271,22 @@ class Handler {
   }
 
   apply(target, self, written) {
-    if (this.class.callParameters === undefined) {
-      if (this.class.value === undefined) {
-        throw new TypeError(`${this.name} is not a function`);
+    const { callParameters, callFlags, value } = this.class;
+    if (callParameters === undefined && value === undefined) {
+      throw new TypeError(`${this.name} is not a function`);
+    }
+    const flags = METHOD | PROPERTY_GET | callFlags;
+    if (written.length === 1) {
+      // recordset('name'), fields(0): most calls are these.
+      const only = written[0];
+      if (typeof only === 'string' || typeof only === 'number') {
+        return this.call(DISPID_VALUE, flags, written);
       }
     }
     return this.invoke(
       DISPID_VALUE,
-      METHOD | PROPERTY_GET | this.class.callFlags,
-      this.class.callParameters ?? [],
+      flags,
+      callParameters ?? [],
       written,
       this.name,
     );
@@ -304,7 +339,7 @@ class UnknownHandler extends Handler {
     return id;
   }
 
-  call(name, written) {
+  callByName(name, written) {
     return this.invoke(
       this.idOf(name),
       METHOD | PROPERTY_GET,
@@ -321,7 +356,7 @@ class UnknownHandler extends Handler {
     }
     if (key === 'then' || key === 'constructor') return undefined;
     this.idOf(key);
-    return (...written) => this.call(key, written);
+    return (...written) => this.callByName(key, written);
   }
 
   set(target, key, value) {
@@ -423,6 +458,7 @@ native.setUp(
   wrap,
   fail,
   classes.map((each) => each.iid),
+  fresh,
 );
 
 function handlerOf(object) {
@@ -476,14 +512,16 @@ function scope(run) {
 
 function call(object, name, ...written) {
   const handler = handlerOf(object);
-  if (handler instanceof UnknownHandler) return handler.call(name, written);
+  if (handler instanceof UnknownHandler) {
+    return handler.callByName(name, written);
+  }
   return handler.get(undefined, name)(...written);
 }
 
 function get(object, name) {
   const handler = handlerOf(object);
   if (!(handler instanceof UnknownHandler)) return handler.get(undefined, name);
-  return handler.evaluate(handler.idOf(name), handler.getFlags);
+  return handler.evaluate(handler.idOf(name), PROPERTY_GET);
 }
 
 function put(object, name, value) {
