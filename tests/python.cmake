@@ -55,7 +55,7 @@ function(zirdb_python_test test)
     string(APPEND script "LD_PRELOAD='${python_preload}' \
 exec '${Python3_EXECUTABLE}' -X dev -m unittest -v ${test}")
   else()
-    string(APPEND script "echo 'skipped: no Python 3.9'; exit 77")
+    string(APPEND script "echo 'skipped: no Python 3.9' && exit 77")
   endif()
   string(REPLACE "test_" "" name ${test})
   zirdb_check(python.${name} "${arg_LABELS}" -c "${script}")

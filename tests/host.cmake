@@ -1,0 +1,58 @@
+# The Node.js host, driven by scripts: each file of tests/host is one test.
+
+set(host_folder "${CMAKE_CURRENT_SOURCE_DIR}/host")
+file(
+  GLOB host_tests
+  CONFIGURE_DEPENDS
+  RELATIVE "${host_folder}"
+  "${host_folder}/*.test.js")
+
+set(host_preload "")
+set(host_environment "")
+if(ZIRDB_SANITIZE MATCHES "thread"
+   OR (ZIRDB_SANITIZE AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU"))
+  # Node.js has threads of its own, which nobody instrumented; and Clang's
+  # runtimes are linked statically where there is no shared one.
+  return()
+elseif(ZIRDB_SANITIZE)
+  # The library's sanitizers have to be there before Node.js, which was built
+  # without, and so has the C++ runtime whose exceptions they look at.
+  set(host_runtimes libstdc++.so)
+  if(ZIRDB_SANITIZE MATCHES "undefined")
+    list(PREPEND host_runtimes libubsan.so)
+  endif()
+  if(ZIRDB_SANITIZE MATCHES "address")
+    list(PREPEND host_runtimes libasan.so)
+  endif()
+  foreach(runtime IN LISTS host_runtimes)
+    execute_process(
+      COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${runtime}
+      OUTPUT_VARIABLE runtime_path
+      OUTPUT_STRIP_TRAILING_WHITESPACE)
+    string(APPEND host_preload "${runtime_path}:")
+  endforeach()
+  # What Node.js itself leaves at its end is not the library's, and its code
+  # generator handles faults of its own.
+  set(host_environment "HOST_IS_SANITIZED=1"
+                       "ASAN_OPTIONS=detect_leaks=0:handle_segv=0"
+                       "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
+endif()
+
+if(NOT TARGET zirdb_node)
+  zirdb_check(host.all "host" -c
+              "echo 'skipped: no Node.js 18, or no node_api.h' && exit 77")
+  return()
+endif()
+foreach(file IN LISTS host_tests)
+  string(REPLACE ".test.js" "" name "${file}")
+  zirdb_check(
+    host.${name} "host;database" -c
+    "source '${CMAKE_CURRENT_SOURCE_DIR}/build_checks/need_sqlite.sh'
+unset REGISTRY NODE_OPTIONS
+LD_PRELOAD='${host_preload}' NODE_PATH='${PROJECT_BINARY_DIR}/node_modules' \
+exec '${ZIRDB_NODE}' --expose-gc --test-reporter=spec '${file}'")
+  set_tests_properties(
+    host.${name}
+    PROPERTIES TIMEOUT 300 WORKING_DIRECTORY "${host_folder}" ENVIRONMENT
+                                              "${host_environment}")
+endforeach()
