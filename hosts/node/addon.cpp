@@ -28,8 +28,10 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <memory_resource>
@@ -69,12 +71,13 @@ struct Thrown {};
 
 void check(napi_env env, napi_status status) {
   if (status == napi_ok) return;
+  // Before anything else is asked, which would change it.
+  const napi_extended_error_info* info = nullptr;
+  napi_get_last_error_info(env, &info);
+  const char* const message = info != nullptr ? info->error_message : nullptr;
   bool pending = false;
   napi_is_exception_pending(env, &pending);
   if (!pending) {
-    const napi_extended_error_info* info = nullptr;
-    napi_get_last_error_info(env, &info);
-    const char* const message = info != nullptr ? info->error_message : nullptr;
     napi_throw_error(env, nullptr,
                      message != nullptr ? message : "a call of Node failed");
   }
@@ -95,23 +98,41 @@ void check(napi_env env, napi_status status) {
 // ---------------------------------------------------------------------------
 
 std::FILE* const g_standard_output = stdout;
-std::atomic<int> g_calls{0};
+
+// A lock of a few instructions, because it is taken around every call.
+class SpinLock {
+ public:
+  SpinLock() {
+    while (taken().test_and_set(std::memory_order_acquire)) {
+      std::this_thread::yield();
+    }
+  }
+  SpinLock(const SpinLock&) = delete;
+  SpinLock& operator=(const SpinLock&) = delete;
+  ~SpinLock() { taken().clear(std::memory_order_release); }
+
+ private:
+  static std::atomic_flag& taken() {
+    static std::atomic_flag flag = ATOMIC_FLAG_INIT;
+    return flag;
+  }
+};
+
+int g_calls = 0;  // of all threads; guarded by SpinLock
 
 void point_standard_output_at(std::FILE* stream) {
+  // Others read it without the lock.
   __atomic_store_n(&stdout, stream, __ATOMIC_RELAXED);
 }
 
 void enter_library() {
-  ++g_calls;
-  point_standard_output_at(stderr);
+  const SpinLock lock;
+  if (g_calls++ == 0) point_standard_output_at(stderr);
 }
 
 void leave_library() {
-  if (--g_calls == 0) {
-    point_standard_output_at(g_standard_output);
-    // Another thread may have entered between the two lines above.
-    if (g_calls != 0) point_standard_output_at(stderr);
-  }
+  const SpinLock lock;
+  if (--g_calls == 0) point_standard_output_at(g_standard_output);
 }
 
 // ---------------------------------------------------------------------------
@@ -221,12 +242,6 @@ class Host {
     return InterfacePtr<IEnumVARIANT>::share(enumerator);
   }
 
-  // Which argument is being read, in front of a complaint; 0 for none.
-  void set_argument(std::size_t number) { argument_ = number; }
-  std::string argument() const {
-    return argument_ == 0 ? "" : "argument " + std::to_string(argument_) + ": ";
-  }
-
   // By how many bytes the heap has grown since the last time.
   std::int64_t heap_growth() {
     const struct mallinfo2 heap = mallinfo2();
@@ -294,7 +309,6 @@ class Host {
   std::int64_t unreported_ = 0;
   std::int64_t grown_ = 0;  // bytes reported since the last sweep
   std::int64_t heap_bytes_ = 0;
-  std::size_t argument_ = 0;
   int depth_ = 0;
 
   friend class InLibrary;
@@ -495,8 +509,8 @@ void Host::collected(napi_env env, void* data, void* /*hint*/) {
   if (host == nullptr) return;
   try {
     const HandleScope scope(env);
-    static_cast<Host*>(host)->sweep();
     static_cast<Host*>(host)->watch_collections();
+    static_cast<Host*>(host)->sweep();
   } catch (const Thrown&) {
     napi_value exception = nullptr;
     napi_get_and_clear_last_exception(env, &exception);
@@ -807,8 +821,7 @@ std::uint32_t cpp_unsigned(napi_env env, napi_value value) {
 }
 
 // A text without zeros: what reads it ends there.
-_bstr_t cpp_text(Host& host, napi_value value) {
-  napi_env env = host.env();
+_bstr_t cpp_text(napi_env env, napi_value value) {
   std::size_t count = 0;
   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): written first
   std::array<char16_t, 256> small;
@@ -824,7 +837,7 @@ _bstr_t cpp_text(Host& host, napi_value value) {
           napi_get_value_string_utf16(env, value, units, large.size(), &count));
   }
   if (count > std::numeric_limits<UINT>::max() - 1) {
-    throw_type_error(env, host.argument() + "a text is too long");
+    throw_type_error(env, "a text is too long");
   }
   _bstr_t text(SysAllocStringLen(nullptr, static_cast<UINT>(count)), false);
   if (text.m_s == nullptr) throw std::bad_alloc();
@@ -832,8 +845,7 @@ _bstr_t cpp_text(Host& host, napi_value value) {
   for (std::size_t i = 0; i < count; ++i) {
     const std::uint32_t unit = units[i];
     if (unit == 0) {
-      throw_type_error(
-          env, host.argument() + "a text holds U+0000, where it would end");
+      throw_type_error(env, "a text holds U+0000, where it would end");
     }
     const bool pair = (unit & 0xFC00) == 0xD800 && i + 1 < count &&
                       (units[i + 1] & 0xFC00) == 0xDC00;
@@ -964,15 +976,14 @@ _variant_t cpp_value(Host& host, napi_value value) {
       bool lossless = false;
       check(env, napi_get_value_bigint_int64(env, value, &number, &lossless));
       if (!lossless) {
-        const std::string message =
-            host.argument() + "a BigInt does not fit into 64 bits";
-        napi_throw_range_error(env, nullptr, message.c_str());
+        napi_throw_range_error(env, nullptr,
+                               "a BigInt does not fit into 64 bits");
         throw Thrown();
       }
       return number;
     }
     case napi_string:
-      result.bstrVal = cpp_text(host, value).Detach();
+      result.bstrVal = cpp_text(env, value).Detach();
       result.vt = VT_BSTR;
       return result;
     case napi_object: {
@@ -996,7 +1007,6 @@ class Arguments {
       few_.emplace();
     }
     for (std::size_t i = 0; i < count; ++i) {
-      host.set_argument(i + 1);
       variant(i) = cpp_value(host, values[i]);
       const auto tag = tag_of(values[i]);
       if (tag == Tag::kOut) {
@@ -1006,7 +1016,6 @@ class Arguments {
       }
       writes_back_ = writes_back_ || tag == Tag::kOut || tag == Tag::kArray;
     }
-    host.set_argument(0);
   }
 
   VARIANT* variants() {
@@ -1199,7 +1208,7 @@ HRESULT Callback::failed(EXCEPINFO* exception) {
   napi_value text = nullptr;
   if (napi_coerce_to_string(env, thrown, &text) == napi_ok) {
     try {
-      exception->bstrDescription = cpp_text(host_, text).Detach();
+      exception->bstrDescription = cpp_text(env, text).Detach();
     } catch (const Thrown&) {
       napi_get_and_clear_last_exception(env, &thrown);
     }
@@ -1233,25 +1242,28 @@ struct Call {
 };
 
 // How much memory the result of a call took, for the garbage collector, which
-// does not see it. Asking the heap costs as much as a small statement, so short
-// calls are taken to give little, and growth is that since a longer one.
+// does not see it. Asking the heap costs as much as a small statement: short
+// calls are taken to give little, and growth is that since a longer one. So it
+// may be that of others, and counts for no more than a call can fetch in its
+// time: a byte a nanosecond.
 class Growth {
  public:
   explicit Growth(bool wanted) : wanted_(wanted) {
-    if (wanted) begin_ = std::chrono::steady_clock::now();
+    if (wanted) begin_ = Clock::now();
   }
 
   std::int64_t bytes(Host& host) const {
-    constexpr auto long_call = std::chrono::microseconds(100);
-    if (!wanted_ || std::chrono::steady_clock::now() - begin_ < long_call) {
-      return 0;
-    }
-    return std::max<std::int64_t>(0, host.heap_growth());
+    if (!wanted_) return 0;
+    const std::chrono::nanoseconds taken = Clock::now() - begin_;
+    if (taken < std::chrono::microseconds(100)) return 0;
+    return std::clamp<std::int64_t>(host.heap_growth(), 0, taken.count());
   }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   bool wanted_;
-  std::chrono::steady_clock::time_point begin_;
+  Clock::time_point begin_;
 };
 
 napi_value invoked(Host& host, std::uint32_t slot, napi_value member, DISPID id,
@@ -1310,7 +1322,7 @@ napi_value invoke(const Call& call) {
 
 // create(program id, flags)
 napi_value create(const Call& call) {
-  const _bstr_t name = cpp_text(call.host, call.at(0));
+  const _bstr_t name = cpp_text(call.host.env(), call.at(0));
   InterfacePtr<IDispatch> object;
   HRESULT code = S_OK;
   {
@@ -1331,7 +1343,7 @@ napi_value create(const Call& call) {
 napi_value id_of(const Call& call) {
   napi_env env = call.host.env();
   const InterfacePtr<IDispatch> object = call.host.dispatch(call.number(0));
-  const _bstr_t name = cpp_text(call.host, call.at(1));
+  const _bstr_t name = cpp_text(call.host.env(), call.at(1));
   wchar_t* text = name.m_s;
   DISPID id = DISPID_UNKNOWN;
   const InLibrary quiet(call.host);
@@ -1392,8 +1404,9 @@ napi_value live(const Call& call) {
 napi_value idle(const Call& call) {
   napi_env env = call.host.env();
   call.host.sweep();
-  bool result = true;
-  const _bstr_t name = cpp_text(call.host, call.at(0));
+  // Where it is not found any more, what this thread has is all one can know.
+  bool result = call.host.live() == 0;
+  const _bstr_t name = cpp_text(call.host.env(), call.at(0));
   if (HMODULE library = LoadLibraryW(name)) {
     using CanUnload = HRESULT (*)();
     const auto can_unload =
@@ -1468,7 +1481,7 @@ napi_value entry(napi_env env, napi_callback_info info) {
     }
     return function({*host, arguments, count});
   } catch (const Thrown&) {
-    host->set_argument(0);
+    return nullptr;
   } catch (const std::bad_alloc&) {
     napi_throw_error(env, "ERR_MEMORY_ALLOCATION_FAILED", "out of memory");
   } catch (const std::exception& error) {

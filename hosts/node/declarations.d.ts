@@ -52,6 +52,7 @@ export interface UnknownObject extends AutomationObject {
 
 /** A failure that an object reports. */
 export class ZirdbError extends Error {
+  private constructor();
   readonly name: 'ZirdbError';
   /** The code as a number of 32 bits with a sign. */
   readonly number: number;
@@ -84,7 +85,14 @@ export interface CreateOptions {
   integers?: 'number' | 'bigint';
 }
 
-/** Creates an object by the name of its class. */
+/**
+ * Creates an object by the name of its class. With BigInts the declarations do
+ * not know which of its numbers are such.
+ */
+export function createObject(
+  progId: string,
+  options: CreateOptions & { integers: 'bigint' },
+): any;
 export function createObject(
   progId: 'ZIRDB.Connection',
   options?: CreateOptions,

@@ -16,7 +16,7 @@ const ARGUMENT_TYPES = {
   number: 'number | bigint | boolean | string',
   index: 'string | number | bigint',
   value: 'Argument',
-  values: 'readonly (Argument | undefined)[]',
+  values: 'Argument[]',
   out: 'Out | number',
   callback: '(fields: Fields) => unknown',
 };
@@ -42,9 +42,13 @@ function signatures(parameters, returns) {
   return [`(${selecting.join(', ')}): ${selects.selects}`, general];
 }
 
-// The type of a property or of what a call returns: integers may be BigInts.
-const READ_TYPES = { Value: 'any', number: 'number' };
-const readType = (type) => READ_TYPES[type] ?? type;
+// A value is whatever the database has.
+const readType = (type) =>
+  type === 'Value'
+    ? 'any'
+    : type.startsWith('Iterable')
+      ? `${type} & AutomationObject`
+      : type;
 
 const comment = (text, indent = '') => `${indent}/** ${text} */`;
 
@@ -57,6 +61,9 @@ function declarationOf(row) {
     for (const each of signatures(row.call.arguments, row.call.returns)) {
       lines.push(comment(row.call.summary, '  '), `  ${each};`);
     }
+  }
+  if (row.default !== undefined) {
+    lines.push(comment(`As ${row.default}.`, '  '), '  (): any;');
   }
   for (const member of row.members) {
     if (member.kind === 'method') {

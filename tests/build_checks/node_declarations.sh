@@ -17,7 +17,7 @@ trap 'rm -rf "$folder"' EXIT
 
 # A fault a line, and what the compiler calls it.
 cat >"$folder/wrong.ts" <<'END'
-import { constants, createObject, out } from 'zirdb';
+import { constants, createObject, out, ZirdbError } from 'zirdb';
 const connection = createObject('ZIRDB.Connection');
 const rows = connection.Execute('SELECT 1');
 const command = createObject('ZIRDB.Command');
@@ -33,6 +33,7 @@ connection.Execute('DELETE FROM item').EOF; // TS2532
 command(); // TS2349
 for (const each of connection) each; // TS2488
 constants.ZIRDB_STATE_OPEN = 2; // TS2540
+new ZirdbError(1); // TS2673
 out<number>('text'); // TS2345
 END
 cat >"$folder/tsconfig.json" <<END

@@ -31,7 +31,6 @@ class Class {
   constructor(row) {
     this.name = row === undefined ? 'object' : `ZIRDB.${row.name}`;
     this.iid = row?.iid;
-    this.isKnown = row !== undefined;
     // Whether it lives by itself, whatever it was found through.
     this.isIndependent = row?.isIndependent === true;
     this.iterates = row?.iterates?.as;

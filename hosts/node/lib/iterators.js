@@ -4,6 +4,7 @@
 'use strict';
 
 const { native, DISPID_VALUE } = require('./native.js');
+const { unscoped } = require('./scopes.js');
 const { HANDLER } = require('./values.js');
 
 // Where the iterators of the language keep what they share.
@@ -49,7 +50,8 @@ class RowIterator extends ObjectIterator {
         this.finish();
         return DONE;
       }
-      if (this.fields === null) this.begin();
+      // They serve the whole walk, which may go on behind a scope's end.
+      if (this.fields === null) unscoped(() => this.begin());
       return { done: false, value: this.row() };
     } catch (error) {
       this.finish();
@@ -69,7 +71,7 @@ class RowIterator extends ObjectIterator {
     const count = Number(collection.Count);
     for (let place = 0; place < count; ++place) {
       const field = collection(place);
-      // Of columns with one name the first counts, as for recordset(name).
+      // Of columns with the very same name the first counts.
       const name = field.Name;
       if (names.has(name)) {
         field.release();
@@ -91,6 +93,7 @@ class RowIterator extends ObjectIterator {
       const value = native.invoke(handlers[i].liveSlot(), DISPID_VALUE, flags);
       if (name === '__proto__') {
         Object.defineProperty(row, name, {
+          __proto__: null,
           value,
           configurable: true,
           enumerable: true,
@@ -126,8 +129,7 @@ class ElementIterator extends ObjectIterator {
 
   next() {
     if (this.handler === null) return DONE;
-    const { handler } = this;
-    const values = native.next(handler.liveSlot(), 1, handler.flags);
+    const values = this.handler.next(1);
     if (values.length === 1) return { done: false, value: values[0] };
     return this.return();
   }

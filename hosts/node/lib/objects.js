@@ -22,16 +22,15 @@ const { ZirdbError, releasedError } = require('./errors.js');
 const { classes, unknownClass } = require('./classes.js');
 const {
   HANDLER,
+  ObjectHandler,
   encode,
   encodeArguments,
   returnArguments,
   settle,
   settled,
 } = require('./values.js');
+const { enlist, scoped } = require('./scopes.js');
 const { RowIterator, ElementIterator, ItemIterator } = require('./iterators.js');
-
-// The objects that came up in each scope() that is running, innermost last.
-const scopes = [];
 
 // The handler whose call is under way, while the addon has it.
 let caller = null;
@@ -40,8 +39,12 @@ let caller = null;
 // class. A way back into wrap() would take the addon longer.
 const fresh = new Int32Array(2);
 
-class Handler {
+// What members take that nobody has described.
+const ANYTHING = [{ rest: true, optional: true }];
+
+class Handler extends ObjectHandler {
   constructor(slot, theClass, flags) {
+    super();
     this.slot = slot; // 0: released
     this.class = theClass;
     this.flags = flags;
@@ -49,6 +52,7 @@ class Handler {
     this.proxy = null;
     this.functions = null;
     this.source = null; // what this came out of
+    this.scope = null; // what releases this
   }
 
   get name() {
@@ -82,6 +86,7 @@ class Handler {
 
   // A call without arguments.
   evaluate(id, flags) {
+    const outer = caller;
     caller = this;
     try {
       const result = native.invoke(
@@ -91,12 +96,13 @@ class Handler {
       );
       return fresh[0] === 0 ? result : this.adopt();
     } finally {
-      caller = null;
+      caller = outer;
     }
   }
 
   // A call with arguments as the addon takes them.
   call(id, flags, encoded) {
+    const outer = caller;
     caller = this;
     try {
       const result = native.invoke(
@@ -107,20 +113,35 @@ class Handler {
       );
       return fresh[0] === 0 ? result : this.adopt();
     } finally {
-      caller = null;
+      caller = outer;
     }
   }
 
+  // Makes the proxy of the object that a call left in `fresh`.
   adopt() {
     const slot = fresh[0];
     fresh[0] = 0;
+    let handler = null;
     try {
-      const proxy = wrap(slot, fresh[1], this.flags);
-      native.attach(slot, proxy);
-      return proxy;
+      handler = handlerFor(slot, fresh[1], this.flags);
+      native.attach(slot, handler.proxy);
     } catch (error) {
+      if (handler !== null) handler.slot = 0;
       native.release(slot); // nobody else knows it
       throw error;
+    }
+    enlist(handler);
+    return handler.proxy;
+  }
+
+  // The next elements of an enumerator.
+  next(count) {
+    const outer = caller;
+    caller = this;
+    try {
+      return native.next(this.liveSlot(), count, this.flags);
+    } finally {
+      caller = outer;
     }
   }
 
@@ -158,6 +179,8 @@ class Handler {
     if (slot === 0) return;
     this.slot = 0;
     this.source = null;
+    this.scope?.delete(this);
+    this.scope = null;
     native.release(slot);
   }
 
@@ -186,7 +209,8 @@ class Handler {
         shown[member.name] = `<${error.message}>`;
       }
     }
-    return `${this.name} ${inspect(shown, { ...options, depth: depth - 1 })}`;
+    const inner = depth === null ? null : depth - 1;
+    return `${this.name} ${inspect(shown, { ...options, depth: inner })}`;
   }
 
   iterator() {
@@ -215,6 +239,7 @@ class Handler {
       case Symbol.toStringTag:
         return this.name;
       case 'toString':
+      case 'toLocaleString':
         return () => String(this.primitive('string'));
       case 'valueOf':
         return () => this.value();
@@ -254,6 +279,24 @@ class Handler {
     return member.isMethod ? this.method(member) : this.read(member);
   }
 
+  callByName(name, written) {
+    const member = this.class.find(name);
+    if (member === undefined) throw this.unknown(name);
+    if (member.isMethod) return this.method(member)(...written);
+    return this.invoke(
+      member.id,
+      METHOD | PROPERTY_GET,
+      ANYTHING,
+      written,
+      `${this.name}.${member.name}`,
+    );
+  }
+
+  getByName(name) {
+    this.liveSlot();
+    return this.getMember(name);
+  }
+
   unknown(key) {
     return new TypeError(
       `${this.name} has no member '${String(key)}'; ` +
@@ -279,7 +322,10 @@ class Handler {
     if (written.length === 1) {
       // recordset('name'), fields(0): most calls are these.
       const only = written[0];
-      if (typeof only === 'string' || typeof only === 'number') {
+      if (
+        typeof only === 'number' ||
+        (typeof only === 'string' && !only.includes('\0'))
+      ) {
         return this.call(DISPID_VALUE, flags, written);
       }
     }
@@ -343,7 +389,7 @@ class UnknownHandler extends Handler {
     return this.invoke(
       this.idOf(name),
       METHOD | PROPERTY_GET,
-      [{ rest: true }],
+      ANYTHING,
       written,
       name,
     );
@@ -364,6 +410,10 @@ class UnknownHandler extends Handler {
     return true;
   }
 
+  getByName(name) {
+    return this.evaluate(this.idOf(name), PROPERTY_GET);
+  }
+
   put(name, value) {
     const id = this.idOf(name);
     const encoded = settled(encode(value, this.flags, name));
@@ -374,7 +424,7 @@ class UnknownHandler extends Handler {
     return this.invoke(
       DISPID_VALUE,
       METHOD | PROPERTY_GET,
-      [{ rest: true }],
+      ANYTHING,
       written,
       'the object',
     );
@@ -405,13 +455,18 @@ class EnumeratorHandler extends Handler {
 
 // Inspection looks at what a proxy stands in front of, with the proxy as this.
 for (const each of [...classes, unknownClass]) {
-  each.target[inspect.custom] = function describe(depth, options) {
-    return this[HANDLER]?.describe(depth, options) ?? `class ${each.name}`;
-  };
+  Object.defineProperties(each.target, {
+    name: { value: each.name, configurable: true },
+    [inspect.custom]: {
+      value: function describe(depth, options) {
+        return this[HANDLER]?.describe(depth, options) ?? `class ${each.name}`;
+      },
+      configurable: true,
+    },
+  });
 }
 
-// Called by the addon for every object that comes up.
-function wrap(slot, classIndex, flags) {
+function handlerFor(slot, classIndex, flags) {
   let handler;
   let theClass = unknownClass;
   if (classIndex >= 0) {
@@ -429,7 +484,14 @@ function wrap(slot, classIndex, flags) {
   // A recordset is closed when the last reference to its connection goes: as
   // long as a script has the one, or a field of it, the other is no garbage.
   if (!theClass.isIndependent) handler.source = caller;
-  if (scopes.length > 0) scopes.at(-1).push(handler);
+  return handler;
+}
+
+// Called by the addon for objects that come up by another way than as what a
+// call gives back.
+function wrap(slot, classIndex, flags) {
+  const handler = handlerFor(slot, classIndex, flags);
+  enlist(handler);
   return handler.proxy;
 }
 
@@ -462,11 +524,8 @@ native.setUp(
 );
 
 function handlerOf(object) {
-  const handler =
-    typeof object === 'function' || (typeof object === 'object' && object)
-      ? object[HANDLER]
-      : undefined;
-  if (handler === undefined) {
+  const handler = typeof object === 'function' ? object[HANDLER] : undefined;
+  if (!(handler instanceof ObjectHandler)) {
     throw new TypeError('not an object of createObject');
   }
   return handler;
@@ -477,10 +536,16 @@ function createObject(progId, options = {}) {
   if (integers !== 'number' && integers !== 'bigint') {
     throw new TypeError("integers are 'number' or 'bigint'");
   }
-  return native.create(
-    String(progId),
-    integers === 'bigint' ? BIG_INTS : 0,
-  );
+  const outer = caller;
+  caller = null; // a callback may create objects, which are nobody's
+  try {
+    return native.create(
+      String(progId),
+      integers === 'bigint' ? BIG_INTS : 0,
+    );
+  } finally {
+    caller = outer;
+  }
 }
 
 function release(object) {
@@ -488,44 +553,28 @@ function release(object) {
 }
 
 function scope(run) {
-  const created = [];
-  scopes.push(created);
-  let kept;
-  try {
-    const result = run();
-    if (typeof result === 'function') kept = result[HANDLER];
-    if (typeof result === 'object' && typeof result?.then === 'function') {
-      throw new TypeError('scope: what it runs must not be asynchronous');
-    }
-    return result;
-  } finally {
-    scopes.pop();
-    for (const handler of created.reverse()) {
-      if (handler !== kept) handler.release();
-      // It belongs to whoever it is returned to.
-      else scopes.at(-1)?.push(kept);
-    }
-  }
+  return scoped(run, (result) =>
+    typeof result === 'function' ? result[HANDLER] : undefined,
+  );
 }
 
 // For classes that are not in the table.
 
+function nameOf(name) {
+  if (typeof name === 'string') return name;
+  throw new TypeError('members are named by texts');
+}
+
 function call(object, name, ...written) {
-  const handler = handlerOf(object);
-  if (handler instanceof UnknownHandler) {
-    return handler.callByName(name, written);
-  }
-  return handler.get(undefined, name)(...written);
+  return handlerOf(object).callByName(nameOf(name), written);
 }
 
 function get(object, name) {
-  const handler = handlerOf(object);
-  if (!(handler instanceof UnknownHandler)) return handler.get(undefined, name);
-  return handler.evaluate(handler.idOf(name), PROPERTY_GET);
+  return handlerOf(object).getByName(nameOf(name));
 }
 
 function put(object, name, value) {
-  handlerOf(object).set(undefined, name, value);
+  handlerOf(object).set(undefined, nameOf(name), value);
 }
 
 module.exports = {

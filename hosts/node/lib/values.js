@@ -4,6 +4,8 @@
 // takes as [tag, payload]. What comes back is made by the addon alone.
 'use strict';
 
+const { isDate, isUint8Array } = require('node:util').types;
+
 const {
   TAG_OBJECT,
   TAG_DATE,
@@ -16,7 +18,10 @@ const {
 const HANDLER = Symbol('zirdb.handler');
 
 // Deeper than any program means it, and shallow enough for every stack.
-const DEEPEST_ARRAY = 64;
+const DEEPEST = 64;
+
+/** What a handler is known by, whatever else answers to HANDLER. */
+class ObjectHandler {}
 
 /** A place for what a call gives back. */
 class Out {
@@ -37,7 +42,7 @@ function out(initial) {
 }
 
 function variantDate(date) {
-  if (!(date instanceof Date) || Number.isNaN(date.getTime())) {
+  if (!isDate(date) || Number.isNaN(date.getTime())) {
     throw new TypeError('variantDate takes a valid Date');
   }
   return new VariantDate(new Date(date));
@@ -74,20 +79,23 @@ function callback(call, flags) {
 }
 
 function encodeArray(array, flags, what, depth) {
-  if (depth === DEEPEST_ARRAY) {
-    throw new TypeError(`${what} is an array in too many others`);
-  }
   // Array.from reads holes as undefined, which map would pass over.
   return Array.from(array, (element, index) => {
     const place = `${what}, element ${index},`;
     // An Empty slot asks for a value back.
-    if (element instanceof Out) {
-      return element.value === undefined
-        ? undefined
-        : encode(element.value, flags, place, depth + 1);
-    }
-    return encode(element, flags, place, depth + 1);
+    return element instanceof Out
+      ? encodeInitial(element, flags, place, depth)
+      : encode(element, flags, place, depth);
   });
+}
+
+// What is in an out before the call, which may be nothing.
+function encodeInitial(place, flags, what, depth) {
+  const { value } = place;
+  if (value instanceof Out) {
+    throw new TypeError(`${what} is an out() in an out()`);
+  }
+  return value === undefined ? undefined : encode(value, flags, what, depth);
 }
 
 /**
@@ -96,9 +104,17 @@ function encodeArray(array, flags, what, depth) {
 function encode(value, flags, what, depth = 0) {
   switch (typeof value) {
     case 'number':
-    case 'string':
     case 'boolean':
+      return value;
+    case 'string':
+      if (value.includes('\0')) {
+        throw new TypeError(`${what} holds U+0000, where a text would end`);
+      }
+      return value;
     case 'bigint':
+      if (BigInt.asIntN(64, value) !== value) {
+        throw new RangeError(`${what} does not fit into 64 bits`);
+      }
       return value;
     case 'undefined':
       throw new TypeError(
@@ -106,8 +122,9 @@ function encode(value, flags, what, depth = 0) {
       );
     case 'function': {
       const handler = value[HANDLER];
-      if (handler === undefined) return callback(value, flags);
-      return [TAG_OBJECT, handler];
+      return handler instanceof ObjectHandler
+        ? [TAG_OBJECT, handler]
+        : callback(value, flags);
     }
     case 'object':
       break;
@@ -115,18 +132,17 @@ function encode(value, flags, what, depth = 0) {
       throw new TypeError(`${what} is a ${typeof value}, which has no value`);
   }
   if (value === null) return null;
-  if (Array.isArray(value)) {
-    return [TAG_ARRAY, encodeArray(value, flags, what, depth)];
+  if (depth === DEEPEST) {
+    throw new TypeError(`${what} is in too many others`);
   }
-  if (value instanceof Uint8Array) return value;
-  if (value instanceof Date) return dateText(value, what);
+  if (Array.isArray(value)) {
+    return [TAG_ARRAY, encodeArray(value, flags, what, depth + 1)];
+  }
+  if (isUint8Array(value)) return value;
+  if (isDate(value)) return dateText(value, what);
   if (value instanceof VariantDate) return [TAG_DATE, daysOf(value.date)];
   if (value instanceof Out) {
-    const initial =
-      value.value === undefined
-        ? undefined
-        : encode(value.value, flags, what, depth);
-    return [TAG_OUT, initial];
+    return [TAG_OUT, encodeInitial(value, flags, what, depth + 1)];
   }
   throw new TypeError(
     `${what} is an object of JavaScript: pass text, numbers, null, a Date, ` +
@@ -149,7 +165,7 @@ function settled(encoded) {
 
 function isSameBytes(left, right) {
   return (
-    left instanceof Uint8Array &&
+    isUint8Array(left) &&
     left.length === right.length &&
     left.every((byte, index) => byte === right[index])
   );
@@ -157,12 +173,12 @@ function isSameBytes(left, right) {
 
 // Whether what came back says the same as what was sent.
 function isUnchanged(original, sent, received) {
-  if (sent instanceof Uint8Array) return isSameBytes(received, sent);
+  if (isUint8Array(sent)) return isSameBytes(received, sent);
   if (Array.isArray(sent)) {
     switch (sent[0]) {
       case TAG_DATE:
         return (
-          received instanceof Date &&
+          isDate(received) &&
           received.getTime() === original.date.getTime()
         );
       case TAG_CALLBACK: // comes back as the object that was made of it
@@ -200,6 +216,10 @@ function copyBack(original, sent, received) {
   });
 }
 
+function hasDefault(parameter) {
+  return parameter !== undefined && Object.hasOwn(parameter, 'default');
+}
+
 /**
  * The arguments that a call makes of what the script wrote. Trailing ones that
  * are undefined were not written; others have the value that the table gives.
@@ -213,7 +233,7 @@ function encodeArguments(parameters, written, flags, what) {
     const parameter = at(index);
     return (
       parameter === undefined ||
-      'default' in parameter ||
+      hasDefault(parameter) ||
       parameter.optional === true
     );
   };
@@ -228,18 +248,22 @@ function encodeArguments(parameters, written, flags, what) {
   for (let index = 0; index < count; ++index) {
     const value = written[index];
     switch (typeof value) {
-      case 'string':
+      // Most are, and need no name for complaints.
       case 'number':
-        encoded.push(value); // without a name for complaints
+        encoded.push(value);
         continue;
-      case 'undefined': {
-        const parameter = at(index);
-        if (parameter !== undefined && 'default' in parameter) {
-          encoded.push(parameter.default);
+      case 'string':
+        if (!value.includes('\0')) {
+          encoded.push(value);
           continue;
         }
         break;
-      }
+      case 'undefined':
+        if (hasDefault(at(index))) {
+          encoded.push(at(index).default);
+          continue;
+        }
+        break;
       default:
         break;
     }
@@ -272,7 +296,7 @@ function settle(encoded) {
 
 module.exports = {
   HANDLER,
-  Out,
+  ObjectHandler,
   out,
   variantDate,
   encode,
