@@ -59,6 +59,13 @@ enum class Tag : std::uint32_t { kObject, kDate, kArray, kOut, kCallback };
 // The class of an object in the table that lib/ passes.
 constexpr std::int32_t kUnknownClass = -1;
 constexpr std::int32_t kEnumerator = -2;
+constexpr std::int32_t kEnumeratorWithMembers = -3;
+
+// What only a Callback answers.
+constexpr IID kCallback = {0x6C1E7B52,
+                           0x93D4,
+                           0x4B0A,
+                           {0x8E, 0x17, 0x2F, 0x5D, 0xA0, 0xC3, 0x64, 0x91}};
 
 constexpr HRESULT kWrongThread = zir_hresult(0x8001010E);
 constexpr HRESULT kDisconnected = zir_hresult(0x80010108);
@@ -162,11 +169,11 @@ struct Life {
 };
 
 struct Slot {
-  InterfacePtr<IUnknown> object;       // empty: the slot is free
-  IDispatch* dispatch = nullptr;       // the object, if it is one
-  IEnumVARIANT* enumerator = nullptr;  // the object, if it is one
-  napi_ref proxy = nullptr;            // weak
-  std::int64_t bytes = 0;              // reported to the collector
+  InterfacePtr<IUnknown> object;          // empty: the slot is free
+  IDispatch* dispatch = nullptr;          // the object, if it is one
+  InterfacePtr<IEnumVARIANT> enumerator;  // of the object, if it has one
+  napi_ref proxy = nullptr;               // weak
+  std::int64_t bytes = 0;                 // reported to the collector
   std::int32_t class_index = kUnknownClass;
 };
 
@@ -187,6 +194,9 @@ class Host {
   ~Host() {
     life_->alive = false;
     for (std::uint32_t slot = 1; slot < slots_.size(); ++slot) release(slot);
+    for (napi_ref reference : {wrap_, fail_, fresh_reference_, pending_}) {
+      if (reference != nullptr) napi_delete_reference(env_, reference);
+    }
   }
 
   napi_env env() const { return env_; }
@@ -235,11 +245,9 @@ class Host {
     return entry(slot).dispatch != nullptr;
   }
   InterfacePtr<IEnumVARIANT> enumerator(std::uint32_t slot) {
-    IEnumVARIANT* const enumerator = entry(slot).enumerator;
-    if (enumerator == nullptr) {
-      throw_type_error(env_, "the object is no enumerator");
-    }
-    return InterfacePtr<IEnumVARIANT>::share(enumerator);
+    InterfacePtr<IEnumVARIANT> enumerator = entry(slot).enumerator;
+    if (!enumerator) throw_type_error(env_, "the object is no enumerator");
+    return enumerator;
   }
 
   // By how many bytes the heap has grown since the last time.
@@ -280,6 +288,7 @@ class Host {
     return slots_[slot];
   }
   std::uint32_t take(Slot slot);
+  napi_value known_proxy(const void* interface);
   std::int32_t class_of(IDispatch* dispatch) const;
   napi_value proxy_for(std::uint32_t slot, std::uint32_t flags);
   napi_value referenced(napi_ref reference) const {
@@ -363,6 +372,16 @@ std::int32_t Host::class_of(IDispatch* dispatch) const {
   return kUnknownClass;
 }
 
+// The proxy that an interface has, or NULL.
+napi_value Host::known_proxy(const void* interface) {
+  const auto known = by_pointer_.find(interface);
+  if (known == by_pointer_.end()) return nullptr;
+  napi_value proxy = referenced(slots_[known->second].proxy);
+  // Its proxy may be gone while nobody has swept yet.
+  if (proxy == nullptr) release(known->second);
+  return proxy;
+}
+
 napi_value Host::wrap(InterfacePtr<IUnknown> object, std::uint32_t flags,
                       std::int64_t bytes) {
   if (!object) {
@@ -373,12 +392,10 @@ napi_value Host::wrap(InterfacePtr<IUnknown> object, std::uint32_t flags,
   if (auto dispatch = object.query<IDispatch>(IID_IDispatch)) {
     return wrap_dispatch(std::move(dispatch), flags, bytes);
   }
+  if (napi_value proxy = known_proxy(object.get())) return proxy;
   Slot slot;
-  if (auto enumerator = object.query<IEnumVARIANT>(IID_IEnumVARIANT)) {
-    slot.class_index = kEnumerator;
-    slot.enumerator = enumerator.get();
-    object = InterfacePtr<IUnknown>::adopt(enumerator.detach());
-  }
+  slot.enumerator = object.query<IEnumVARIANT>(IID_IEnumVARIANT);
+  if (slot.enumerator) slot.class_index = kEnumerator;
   slot.object = std::move(object);
   slot.bytes = bytes;
   return proxy_for(take(std::move(slot)), flags);
@@ -386,15 +403,13 @@ napi_value Host::wrap(InterfacePtr<IUnknown> object, std::uint32_t flags,
 
 napi_value Host::wrap_dispatch(InterfacePtr<IDispatch> dispatch,
                                std::uint32_t flags, std::int64_t bytes) {
-  const auto known = by_pointer_.find(dispatch.get());
-  if (known != by_pointer_.end()) {
-    napi_value proxy = referenced(slots_[known->second].proxy);
-    if (proxy != nullptr) return proxy;
-    // Its proxy is gone, but nobody has swept yet.
-    release(known->second);
-  }
+  if (napi_value proxy = known_proxy(dispatch.get())) return proxy;
   Slot slot;
   slot.class_index = class_of(dispatch.get());
+  if (slot.class_index == kUnknownClass) {
+    slot.enumerator = dispatch.query<IEnumVARIANT>(IID_IEnumVARIANT);
+    if (slot.enumerator) slot.class_index = kEnumeratorWithMembers;
+  }
   slot.dispatch = dispatch.get();
   slot.object = InterfacePtr<IUnknown>::adopt(dispatch.detach());
   slot.bytes = bytes;
@@ -417,7 +432,7 @@ std::uint32_t Host::take(Slot slot) {
     free_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
   }
   const std::uint32_t number = free_.back();
-  if (slot.dispatch != nullptr) by_pointer_.emplace(slot.dispatch, number);
+  by_pointer_.emplace(slot.object.get(), number);
   free_.pop_back();
   slots_[number] = std::move(slot);
   ++live_;
@@ -449,15 +464,20 @@ void Host::release(std::uint32_t number) {
   Slot& slot = slots_[number];
   if (!slot.object) return;
   // The last reference may run code that comes back here: it goes last.
+  InterfacePtr<IEnumVARIANT> enumerator = std::move(slot.enumerator);
   InterfacePtr<IUnknown> object = std::move(slot.object);
-  if (slot.dispatch != nullptr) by_pointer_.erase(slot.dispatch);
+  by_pointer_.erase(object.get());
   if (slot.proxy != nullptr) napi_delete_reference(env_, slot.proxy);
   report(-slot.bytes);
   slot = Slot();
   free_.push_back(number);
   --live_;
   const InLibrary quiet(*this);
+  // What a callback throws now is not of the call that is under way.
+  napi_ref outer = take_pending();
+  enumerator = {};
   object = {};
+  set_pending(outer);
 }
 
 void Host::sweep() {
@@ -1070,6 +1090,18 @@ class Arguments {
 // A JavaScript function as an object: its default member calls it.
 class Callback final : public IDispatch {
  public:
+  // The function behind an object; NULL if it is none of this environment.
+  static napi_value function_of(Host& host, IDispatch* object) {
+    InterfacePtr<Callback> callback;
+    callback.receive(
+        [&](void** out) { return object->QueryInterface(kCallback, out); });
+    if (!callback || callback->life_ != host.life()) return nullptr;
+    napi_value function = nullptr;
+    check(host.env(),
+          napi_get_reference_value(host.env(), callback->function_, &function));
+    return function;
+  }
+
   Callback(Host& host, napi_value function, std::uint32_t flags)
       : host_(host), life_(host.life()), flags_(flags) {
     check(host.env(),
@@ -1081,8 +1113,13 @@ class Callback final : public IDispatch {
   HRESULT QueryInterface(REFIID riid, void** object) override {
     if (object == nullptr) return E_INVALIDARG;
     *object = nullptr;
-    if (riid != IID_IUnknown && riid != IID_IDispatch) return E_NOINTERFACE;
-    *object = static_cast<IDispatch*>(this);
+    if (riid == kCallback) {
+      *object = this;
+    } else if (riid == IID_IUnknown || riid == IID_IDispatch) {
+      *object = static_cast<IDispatch*>(this);
+    } else {
+      return E_NOINTERFACE;
+    }
     AddRef();
     return S_OK;
   }
@@ -1146,8 +1183,8 @@ HRESULT Callback::Invoke(DISPID member, REFIID riid, LCID, WORD flags,
       (flags & (DISPATCH_METHOD | DISPATCH_PROPERTYGET)) == 0) {
     return DISP_E_MEMBERNOTFOUND;
   }
-  if (std::this_thread::get_id() != life_->thread) return kWrongThread;
   if (!life_->alive) return kDisconnected;
+  if (std::this_thread::get_id() != life_->thread) return kWrongThread;
   const InScript running(host_);
   // The script may let go of everything that keeps this.
   const auto held = InterfacePtr<IDispatch>::share(this);
@@ -1266,9 +1303,27 @@ class Growth {
   Clock::time_point begin_;
 };
 
+// Behind a call that failed: throws what a callback threw in it. `outer` is
+// what was pending before.
+void rethrow(Host& host, HRESULT code, napi_ref outer) {
+  napi_env env = host.env();
+  napi_ref thrown = host.take_pending();
+  host.set_pending(outer);
+  if (thrown != nullptr) {
+    napi_value box = nullptr;
+    napi_value value = nullptr;
+    const bool known = napi_get_reference_value(env, thrown, &box) == napi_ok &&
+                       napi_get_element(env, box, 0, &value) == napi_ok;
+    napi_delete_reference(env, thrown);
+    if (FAILED(code) && known) {
+      napi_throw(env, value);
+      throw Thrown();
+    }
+  }
+}
+
 napi_value invoked(Host& host, std::uint32_t slot, napi_value member, DISPID id,
                    std::uint32_t flags, Arguments& arguments) {
-  napi_env env = host.env();
   const InterfacePtr<IDispatch> object = host.dispatch(slot);
   const auto kind = static_cast<WORD>(flags & 0xF);
   const bool puts = kind == DISPATCH_PROPERTYPUT;
@@ -1286,22 +1341,13 @@ napi_value invoked(Host& host, std::uint32_t slot, napi_value member, DISPID id,
     code = object->Invoke(id, IID_NULL, 0, kind, &parameters,
                           puts ? nullptr : &result, &exception.info, nullptr);
   }
-  napi_ref thrown = host.take_pending();
-  host.set_pending(outer);
-  if (thrown != nullptr) {
-    napi_value box = nullptr;
-    napi_value value = nullptr;
-    const bool known = napi_get_reference_value(env, thrown, &box) == napi_ok &&
-                       napi_get_element(env, box, 0, &value) == napi_ok;
-    napi_delete_reference(env, thrown);
-    if (FAILED(code) && known) {
-      napi_throw(env, value);
-      throw Thrown();
-    }
-  }
+  rethrow(host, code, outer);
   if (code == DISP_E_EXCEPTION) {
     EXCEPINFO& info = exception.info;
-    if (info.pfnDeferredFillIn != nullptr) info.pfnDeferredFillIn(&info);
+    if (info.pfnDeferredFillIn != nullptr) {
+      const InLibrary quiet(host);
+      info.pfnDeferredFillIn(&info);
+    }
     // Some objects report a number of their own instead of a code.
     host.fail(FAILED(info.scode) ? info.scode : E_FAIL, info.bstrSource,
               info.bstrDescription, slot, member);
@@ -1362,12 +1408,14 @@ napi_value next(const Call& call) {
       call.host.enumerator(call.number(0));
   std::vector<_variant_t> fetched(call.number(1));
   zir_types::ULONG count = 0;
+  napi_ref outer = call.host.take_pending();
   HRESULT code = S_OK;
   {
     const InLibrary quiet(call.host);
     code = object->Next(static_cast<zir_types::ULONG>(fetched.size()),
                         fetched.data(), &count);
   }
+  rethrow(call.host, code, outer);
   if (FAILED(code)) {
     call.host.fail(code, nullptr, nullptr, call.number(0), undefined(env));
   }
@@ -1392,6 +1440,16 @@ napi_value release(const Call& call) {
 napi_value attach(const Call& call) {
   call.host.attach(call.number(0), call.at(1));
   return undefined(call.host.env());
+}
+
+// functionOf(slot): what a callback that came back calls; undefined for others.
+napi_value function_of(const Call& call) {
+  const std::uint32_t slot = call.number(0);
+  napi_value function = nullptr;
+  if (call.host.is_dispatch(slot)) {
+    function = Callback::function_of(call.host, call.host.dispatch(slot).get());
+  }
+  return function != nullptr ? function : undefined(call.host.env());
 }
 
 // live(): the number of objects of this environment.
@@ -1552,6 +1610,7 @@ NAPI_MODULE_INIT() {
     add(env, exports, "next", entry<next>, host.get());
     add(env, exports, "release", entry<release>, host.get());
     add(env, exports, "attach", entry<attach>, host.get());
+    add(env, exports, "functionOf", entry<function_of>, host.get());
     add(env, exports, "live", entry<live>, host.get());
     add(env, exports, "registry", entry<registry>, host.get());
     add(env, exports, "idle", entry<idle>, host.get());

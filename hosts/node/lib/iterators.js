@@ -129,7 +129,13 @@ class ElementIterator extends ObjectIterator {
 
   next() {
     if (this.handler === null) return DONE;
-    const values = this.handler.next(1);
+    let values;
+    try {
+      values = this.handler.next(1);
+    } catch (error) {
+      this.return();
+      throw error;
+    }
     if (values.length === 1) return { done: false, value: values[0] };
     return this.return();
   }

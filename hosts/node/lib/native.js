@@ -29,6 +29,7 @@ module.exports = {
   // Instead of a position in the table of classes.
   UNKNOWN_CLASS: -1,
   ENUMERATOR: -2,
+  ENUMERATOR_WITH_MEMBERS: -3,
 
   DISPID_VALUE: 0,
   DISPID_NEWENUM: -4,

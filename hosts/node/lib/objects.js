@@ -15,6 +15,7 @@ const {
   MAKES_PROXY,
   UNKNOWN_CLASS,
   ENUMERATOR,
+  ENUMERATOR_WITH_MEMBERS,
   DISPID_VALUE,
   DISPID_NEWENUM,
 } = require('./native.js');
@@ -438,6 +439,13 @@ class UnknownHandler extends Handler {
   }
 }
 
+// An object that walks a collection and has members besides.
+class WalkingHandler extends UnknownHandler {
+  iterator() {
+    return () => new ElementIterator(this);
+  }
+}
+
 // What walks a collection, such as fields._NewEnum.
 class EnumeratorHandler extends Handler {
   get name() {
@@ -475,6 +483,8 @@ function handlerFor(slot, classIndex, flags) {
     handler = new Handler(slot, theClass, flags);
   } else if (classIndex === ENUMERATOR) {
     handler = new EnumeratorHandler(slot, theClass, flags);
+  } else if (classIndex === ENUMERATOR_WITH_MEMBERS) {
+    handler = new WalkingHandler(slot, theClass, flags);
   } else {
     handler = new UnknownHandler(slot, theClass, flags);
   }

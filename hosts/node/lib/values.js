@@ -7,6 +7,7 @@
 const { isDate, isUint8Array } = require('node:util').types;
 
 const {
+  native,
   TAG_OBJECT,
   TAG_DATE,
   TAG_ARRAY,
@@ -171,6 +172,10 @@ function isSameBytes(left, right) {
   );
 }
 
+function isNumeric(value) {
+  return typeof value === 'number' || typeof value === 'bigint';
+}
+
 // Whether what came back says the same as what was sent.
 function isUnchanged(original, sent, received) {
   if (isUint8Array(sent)) return isSameBytes(received, sent);
@@ -182,17 +187,19 @@ function isUnchanged(original, sent, received) {
           received.getTime() === original.date.getTime()
         );
       case TAG_CALLBACK: // comes back as the object that was made of it
-        return typeof received === 'function';
+        return (
+          received?.[HANDLER] instanceof ObjectHandler &&
+          native.functionOf(received[HANDLER].slot) === sent[1]
+        );
       default:
         return received === original;
     }
   }
   // An integer may come back in the other form, never as another one.
-  if (typeof sent === 'bigint' || typeof received === 'bigint') {
-    // eslint-disable-next-line eqeqeq
-    return sent == received;
+  if (isNumeric(sent) && isNumeric(received)) {
+    return sent == received || Object.is(sent, received);
   }
-  return Object.is(sent, received) || (sent === 0 && received === 0);
+  return sent === received;
 }
 
 // Elements that say the same stay what the caller put there: a Date a Date.
