@@ -10,5 +10,6 @@ case "$([ -n "$formatter" ] && "$formatter" --version)" in
   *"version 14."*) ;;
   *) echo "skipped: needs clang-format 14" && exit 77 ;;
 esac
-find src tests bench examples hosts tools \( -name '*.cpp' -o -name '*.h' \) -print0 |
+find src tests bench examples hosts tools -name node_modules -prune -o \
+  \( -name '*.cpp' -o -name '*.h' \) -print0 |
   xargs -0 "$formatter" --dry-run -Werror

@@ -31,7 +31,8 @@ export -f judge
 export stamps tidy build
 # What is not configured, for want of a library say, has no entry there.
 # shellcheck disable=SC2016  # the inner shell expands it
-find src tests bench examples hosts tools -name '*.cpp' -print0 |
+find src tests bench examples hosts tools -name node_modules -prune -o \
+  -name '*.cpp' -print0 |
   while IFS= read -r -d '' source; do
     if grep -qF "/$source\"" "$build/compile_commands.json"; then
       printf '%s\0' "$source"
