@@ -10,7 +10,7 @@ set(fuzz_targets
     var_date_from_str
     variant_change_type
     clsid_from_prog_id)
-set(fuzz_seconds 12)
+set(fuzz_seconds 8)
 
 # Compiled by nobody: this is how clang-tidy learns how they would be.
 set(fuzz_sources ${fuzz_targets})

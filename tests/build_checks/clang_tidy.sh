@@ -26,7 +26,17 @@ judge() {
   rm -f "$stamp"
   "$tidy" --quiet -p "$build" "$1" && touch "$stamp"
 }
-build=$2
+# A source that several programs are made of has a command for each, and would be
+# judged as often.
+build=$stamps/commands
+mkdir -p "$build"
+python3 - "$2/compile_commands.json" >"$build/compile_commands.json" <<'END'
+import json
+import sys
+with open(sys.argv[1]) as commands:
+    print(json.dumps(list({each['file']: each
+                           for each in json.load(commands)}.values())))
+END
 export -f judge
 export stamps tidy build
 # What is not configured, for want of a library say, has no entry there.
@@ -34,7 +44,7 @@ export stamps tidy build
 find src tests bench examples hosts tools -name node_modules -prune -o \
   -name '*.cpp' -print0 |
   while IFS= read -r -d '' source; do
-    if grep -qF "/$source\"" "$build/compile_commands.json"; then
+    if grep -qF "/$source\"" "$2/compile_commands.json"; then
       printf '%s\0' "$source"
     fi
   done |
