@@ -41,3 +41,28 @@ endforeach()
     add_dependencies(thread_tests ${program})
   endif()
 endfunction()
+
+# zirdb_sanitizer_preload(variable): what LD_PRELOAD must be for an interpreter
+# that loads the library. Its sanitizers have to be there before the interpreter,
+# which was built without, and so has the C++ runtime whose exceptions they look
+# at. Empty in a plain build.
+function(zirdb_sanitizer_preload variable)
+  set(preload "")
+  if(ZIRDB_SANITIZE)
+    set(runtimes libstdc++.so)
+    if(ZIRDB_SANITIZE MATCHES "undefined")
+      list(PREPEND runtimes libubsan.so)
+    endif()
+    if(ZIRDB_SANITIZE MATCHES "address")
+      list(PREPEND runtimes libasan.so)
+    endif()
+    foreach(runtime IN LISTS runtimes)
+      execute_process(
+        COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${runtime}
+        OUTPUT_VARIABLE path
+        OUTPUT_STRIP_TRAILING_WHITESPACE)
+      string(APPEND preload "${path}:")
+    endforeach()
+  endif()
+  set(${variable} "${preload}" PARENT_SCOPE)
+endfunction()

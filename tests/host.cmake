@@ -18,7 +18,6 @@ set(host_tests
     values_sent
     workers)
 
-set(host_preload "")
 set(host_environment "")
 if(ZIRDB_SANITIZE MATCHES "thread"
    OR (ZIRDB_SANITIZE AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU"))
@@ -26,28 +25,14 @@ if(ZIRDB_SANITIZE MATCHES "thread"
   # runtimes are linked statically where there is no shared one.
   return()
 elseif(ZIRDB_SANITIZE)
-  # The library's sanitizers have to be there before Node.js, which was built
-  # without, and so has the C++ runtime whose exceptions they look at.
-  set(host_runtimes libstdc++.so)
-  if(ZIRDB_SANITIZE MATCHES "undefined")
-    list(PREPEND host_runtimes libubsan.so)
-  endif()
-  if(ZIRDB_SANITIZE MATCHES "address")
-    list(PREPEND host_runtimes libasan.so)
-  endif()
-  foreach(runtime IN LISTS host_runtimes)
-    execute_process(
-      COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${runtime}
-      OUTPUT_VARIABLE runtime_path
-      OUTPUT_STRIP_TRAILING_WHITESPACE)
-    string(APPEND host_preload "${runtime_path}:")
-  endforeach()
   # What Node.js itself leaves at its end is not the library's, and its code
   # generator handles faults of its own.
   set(host_environment "HOST_IS_SANITIZED=1"
                        "ASAN_OPTIONS=detect_leaks=0:handle_segv=0"
                        "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
 endif()
+
+zirdb_sanitizer_preload(host_preload)
 
 if(NOT TARGET zirdb_node)
   zirdb_check(host.all "host" -c

@@ -10,9 +10,6 @@ set(python_environment
     # Leaves nothing in the source tree.
     PYTHONDONTWRITEBYTECODE=1)
 
-# The library's sanitizers have to be there before the interpreter, which was
-# built without, and so has the C++ runtime whose exceptions they look at.
-set(python_preload "")
 if(NOT ZIRDB_SANITIZE)
   list(APPEND python_database_tests test_python_objects)
 elseif(ZIRDB_SANITIZE MATCHES "thread" OR NOT CMAKE_CXX_COMPILER_ID STREQUAL
@@ -23,24 +20,12 @@ elseif(ZIRDB_SANITIZE MATCHES "thread" OR NOT CMAKE_CXX_COMPILER_ID STREQUAL
 else()
   # Objects made in Python stay out: UndefinedBehaviorSanitizer asks every
   # object for its C++ type, and these have none.
-  set(python_runtimes libstdc++.so)
-  if(ZIRDB_SANITIZE MATCHES "undefined")
-    list(PREPEND python_runtimes libubsan.so)
-  endif()
-  if(ZIRDB_SANITIZE MATCHES "address")
-    list(PREPEND python_runtimes libasan.so)
-  endif()
-  foreach(runtime IN LISTS python_runtimes)
-    execute_process(
-      COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${runtime}
-      OUTPUT_VARIABLE runtime_path
-      OUTPUT_STRIP_TRAILING_WHITESPACE)
-    string(APPEND python_preload "${runtime_path}:")
-  endforeach()
+
   # What the interpreter itself leaves at its end is not the library's.
   list(APPEND python_environment ASAN_OPTIONS=detect_leaks=0)
 endif()
 
+zirdb_sanitizer_preload(python_preload)
 find_package(Python3 3.9 COMPONENTS Interpreter)
 
 # zirdb_python_test(test LABELS label...): one file of tests/python.
