@@ -864,30 +864,164 @@ SAFEARRAY* SafeArrayCreateVector(VARTYPE type, LONG lower_bound,
   return SafeArrayCreate(type, 1, &bound);
 }
 
-HRESULT SafeArrayDestroy(SAFEARRAY* array) {
-  if (array == nullptr) return E_INVALIDARG;
-  if (array->cLocks != 0) return DISP_E_ARRAYISLOCKED;
+namespace {
+
+// The arrays around the one whose elements are being walked, outermost first.
+// Arrays nest as deep as a script cares to nest them, which must not become
+// calls as deep. There is room for some; beyond, it takes memory.
+template <class Level>
+class Levels {
+ public:
+  Levels() = default;
+  Levels(const Levels&) = delete;
+  Levels& operator=(const Levels&) = delete;
+
+  bool empty() const { return depth_ == 0; }
+  std::size_t depth() const { return depth_; }
+  Level& innermost() { return levels_[depth_ - 1]; }
+
+  // False without memory, and nothing has changed.
+  bool enter(const Level& level) {
+    if (depth_ == capacity_ && !grow()) return false;
+    levels_[depth_++] = level;
+    return true;
+  }
+  void leave() { --depth_; }
+
+ private:
+  static_assert(std::is_trivially_copyable_v<Level>);
+  static constexpr std::size_t kInPlace = 32;
+
+  bool grow() {
+    Block grown(std::malloc(2 * capacity_ * sizeof(Level)));
+    if (grown == nullptr) return false;
+    std::memcpy(grown.get(), levels_, depth_ * sizeof(Level));
+    grown_ = std::move(grown);
+    levels_ = static_cast<Level*>(grown_.get());
+    capacity_ *= 2;
+    return true;
+  }
+
+  // NOLINTNEXTLINE(*-member-init): written before it is read
+  Level in_place_[kInPlace];
+  Block grown_;
+  Level* levels_ = in_place_;
+  std::size_t depth_ = 0;
+  std::size_t capacity_ = kInPlace;
+};
+
+// Makes a bitwise copy of a value other than a VT_BSTR or an array a copy of
+// its own.
+void deepen(VARIANT* copy) {
+  switch (copy->vt) {
+    case VT_UNKNOWN:
+    case VT_DISPATCH:
+      if (copy->punkVal != nullptr) copy->punkVal->AddRef();
+      break;
+    case VT_LPSTR:
+      if (const char* const text = copy->pszVal; text != nullptr) {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): values share no text
+        const std::size_t size = std::strlen(text) + 1;
+        copy->pszVal = static_cast<char*>(std::malloc(size));
+        if (copy->pszVal != nullptr) std::memcpy(copy->pszVal, text, size);
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+// The same of a VT_BSTR.
+void copy_string(VARIANT* copy) {
+  if (wchar_t* const text = copy->bstrVal; text != nullptr) {
+    copy->bstrVal = copy_text(text, std::wcslen(text));
+  }
+}
+
+// Lets go of a payload of another type than VT_BSTR and than an array.
+void release_payload(VARTYPE vt, VARIANT* value) {
+  switch (vt) {
+    case VT_UNKNOWN:
+    case VT_DISPATCH:
+      if (value->punkVal != nullptr) value->punkVal->Release();
+      break;
+    case VT_LPSTR:
+      std::free(value->pszVal);
+      break;
+    default:
+      break;
+  }
+}
+
+// An array on its way out.
+struct Destroyed {
+  SAFEARRAY* array;
+  std::uint64_t next;
+  std::uint64_t count;  // of values that are to be cleared
+};
+
+// Frees an array's strings; its values are the caller's to clear.
+Destroyed begin_to_destroy(SAFEARRAY* array) {
   // An element that is released may reach for the array once more.
   array->cLocks = 1;
+  Destroyed level = {array, 0, 0};
   if ((array->fFeatures & FADF_VARIANT) != 0) {
-    for_each_element<VARIANT>(
-        array, [](VARIANT& value, std::uint64_t) { VariantClear(&value); });
+    if (array->pvData == nullptr || !element_count(array, level.count)) {
+      level.count = 0;
+    }
   } else if ((array->fFeatures & FADF_BSTR) != 0) {
     for_each_element<BSTR>(array, [](BSTR& string, std::uint64_t) {
-      SysFreeString(std::exchange(string, nullptr));
+      free_string(std::exchange(string, nullptr));
     });
   }
+  return level;
+}
+
+void end_destroying(SAFEARRAY* array) {
   array->cLocks = 0;
   if ((array->fFeatures & FADF_AUTO) != 0) {
     std::free(array->pvData);
     std::free(array);
   }
-  return S_OK;
 }
 
-HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) {
-  if (array == nullptr || copy == nullptr) return E_INVALIDARG;
-  *copy = nullptr;
+// Destroys an array that is not locked and all that it holds, in the order of
+// the elements.
+void destroy(SAFEARRAY* outermost) {
+  Levels<Destroyed> levels;
+  levels.enter(begin_to_destroy(outermost));
+  while (!levels.empty()) {
+    Destroyed& level = levels.innermost();
+    if (level.next == level.count) {
+      end_destroying(level.array);
+      levels.leave();
+      continue;
+    }
+    VARIANT& value = static_cast<VARIANT*>(level.array->pvData)[level.next++];
+    const VARTYPE vt = std::exchange(value.vt, VARTYPE{VT_EMPTY});
+    if (vt == VT_BSTR) {
+      free_string(value.bstrVal);
+    } else if ((vt & VT_ARRAY) == 0) {
+      release_payload(vt, &value);
+    } else if (SAFEARRAY* const inner = value.parray;
+               inner != nullptr && inner->cLocks == 0) {
+      // Without memory the calls become deep after all.
+      if (!levels.enter(begin_to_destroy(inner))) destroy(inner);
+    }
+  }
+}
+
+// An array whose values are being copied.
+struct Copied {
+  SAFEARRAY* from;
+  SAFEARRAY* to;
+  std::uint64_t next;
+  std::uint64_t count;
+};
+
+// A copy of an array with everything but its values, which are Empty.
+// E_OUTOFMEMORY.
+HRESULT begin_to_copy(SAFEARRAY* array, SAFEARRAY** copy, Copied* level) {
   const bool variants = (array->fFeatures & FADF_VARIANT) != 0;
   const bool strings = !variants && (array->fFeatures & FADF_BSTR) != 0;
   std::uint32_t size = array->cbElements;
@@ -900,19 +1034,75 @@ HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) {
   *copy = make_descriptor(array->cDims, array->fFeatures, array->cbElements,
                           std::move(block), bounds_of(array));
   if (*copy == nullptr) return E_OUTOFMEMORY;
+  *level = {array, *copy, 0, 0};
+  if (array->pvData == nullptr) return S_OK;
   if (variants) {
-    for_each_element<VARIANT>(
-        array, [elements](VARIANT& value, std::uint64_t i) {
-          VariantCopy(static_cast<VARIANT*>(elements) + i, &value);
-        });
+    level->count = count;
   } else if (strings) {
     for_each_element<BSTR>(array, [elements](BSTR string, std::uint64_t i) {
       static_cast<BSTR*>(elements)[i] = SysAllocString(string);
     });
-  } else if (array->pvData != nullptr && count != 0) {
+  } else if (count != 0) {
     std::memcpy(elements, array->pvData, count * size);
   }
   return S_OK;
+}
+
+// Copies the values of an array and of all that are in them. What there is no
+// memory for stays NULL.
+void copy_values(const Copied& outermost) {
+  Levels<Copied> levels;
+  levels.enter(outermost);
+  // An array that comes up in itself has no end. Looking for it among all the
+  // levels would take too long: one that is remembered at depths that double is
+  // met again in time.
+  const SAFEARRAY* remembered = outermost.from;
+  std::size_t remembered_at = levels.depth();
+  while (!levels.empty()) {
+    Copied& level = levels.innermost();
+    if (level.next == level.count) {
+      levels.leave();
+      if (levels.depth() < remembered_at) remembered = nullptr;
+      continue;
+    }
+    const std::uint64_t i = level.next++;
+    VARIANT& value = static_cast<VARIANT*>(level.to->pvData)[i];
+    value = static_cast<VARIANT*>(level.from->pvData)[i];
+    if (value.vt == VT_BSTR) {
+      copy_string(&value);
+    } else if ((value.vt & VT_ARRAY) == 0) {
+      deepen(&value);
+    } else if (SAFEARRAY* const inner = std::exchange(value.parray, nullptr);
+               inner != nullptr && inner != remembered) {
+      Copied next = {};
+      if (FAILED(begin_to_copy(inner, &value.parray, &next))) continue;
+      if (!levels.enter(next)) {
+        // Without memory the calls become deep after all.
+        copy_values(next);
+      } else if (levels.depth() >= 2 * remembered_at) {
+        remembered = inner;
+        remembered_at = levels.depth();
+      }
+    }
+  }
+}
+
+}  // namespace
+
+HRESULT SafeArrayDestroy(SAFEARRAY* array) {
+  if (array == nullptr) return E_INVALIDARG;
+  if (array->cLocks != 0) return DISP_E_ARRAYISLOCKED;
+  destroy(array);
+  return S_OK;
+}
+
+HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) {
+  if (array == nullptr || copy == nullptr) return E_INVALIDARG;
+  *copy = nullptr;
+  Copied level = {};
+  const HRESULT result = begin_to_copy(array, copy, &level);
+  if (SUCCEEDED(result)) copy_values(level);
+  return result;
 }
 
 namespace {
@@ -974,50 +1164,13 @@ VARIANT value_of(VARTYPE vt) {
   return value;
 }
 
-// Makes a bitwise copy of a value other than a VT_BSTR a copy of its own.
-void deepen(VARIANT* copy) {
-  switch (copy->vt) {
-    case VT_UNKNOWN:
-    case VT_DISPATCH:
-      if (copy->punkVal != nullptr) copy->punkVal->AddRef();
-      break;
-    case VT_LPSTR:
-      if (const char* const text = copy->pszVal; text != nullptr) {
-        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): values share no text
-        const std::size_t size = std::strlen(text) + 1;
-        copy->pszVal = static_cast<char*>(std::malloc(size));
-        if (copy->pszVal != nullptr) std::memcpy(copy->pszVal, text, size);
-      }
-      break;
-    default:
-      if ((copy->vt & VT_ARRAY) != 0 && copy->parray != nullptr) {
-        SafeArrayCopy(std::exchange(copy->parray, nullptr), &copy->parray);
-      }
-      break;
-  }
-}
-
-// Lets go of a payload of another type than VT_BSTR.
-void release_payload(VARTYPE vt, VARIANT* value) {
-  switch (vt) {
-    case VT_UNKNOWN:
-    case VT_DISPATCH:
-      if (value->punkVal != nullptr) value->punkVal->Release();
-      break;
-    case VT_LPSTR:
-      std::free(value->pszVal);
-      break;
-    default:
-      if ((vt & VT_ARRAY) != 0) SafeArrayDestroy(value->parray);
-      break;
-  }
-}
-
 // What VariantClear does, without a call through the library's exports.
 inline void clear(VARIANT* value) {
   const VARTYPE vt = std::exchange(value->vt, VARTYPE{VT_EMPTY});
   if (vt == VT_BSTR) {
     free_string(value->bstrVal);
+  } else if ((vt & VT_ARRAY) != 0) {
+    SafeArrayDestroy(value->parray);
   } else if (vt > VT_NULL) {
     release_payload(vt, value);
   }
@@ -1036,11 +1189,12 @@ HRESULT VariantCopy(VARIANT* destination, const VARIANT* source) {
   if (destination->vt != VT_EMPTY) clear(destination);
   *destination = *source;
   if (source->vt == VT_BSTR) {
-    if (wchar_t* const text = source->bstrVal; text != nullptr) {
-      destination->bstrVal = copy_text(text, std::wcslen(text));
-    }
-  } else {
+    copy_string(destination);
+  } else if ((source->vt & VT_ARRAY) == 0) {
     deepen(destination);
+  } else if (source->parray != nullptr) {
+    destination->parray = nullptr;
+    SafeArrayCopy(source->parray, &destination->parray);
   }
   return S_OK;
 }
@@ -2256,7 +2410,9 @@ struct ThreadContext {
   IContextProperties* context;
   IErrorInfo* error;
 };
-thread_local ThreadContext g_CoContext;
+// In static thread-local storage, for which a thread has memory: reaching for
+// other storage ends the process when there is none.
+[[gnu::tls_model("initial-exec")]] thread_local ThreadContext g_CoContext;
 
 }  // namespace
 

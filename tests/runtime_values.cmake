@@ -2,7 +2,8 @@
 # layouts that hosts were compiled against.
 
 foreach(program runtime_strings_test runtime_converters_test
-                runtime_variants_test runtime_arrays_test runtime_owners_test)
+                runtime_variants_test runtime_arrays_test
+                runtime_nested_arrays_test runtime_owners_test)
   zirdb_test_program(${program} SOURCES ${program}.cpp)
   zirdb_discover(${program} LABELS runtime)
 endforeach()
