@@ -29,6 +29,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
@@ -1326,6 +1327,53 @@ Object* own(Interface* object) {
 // The classes
 // ---------------------------------------------------------------------------
 
+// Values that hold objects, cleared one after the other. The last reference to
+// a parameter may be what another one holds as its value, and so on for as long
+// as a script cares to go on, which must not become calls as deep.
+struct ValuesToClear {
+  VARIANT* waiting;
+  std::size_t count;
+  std::size_t capacity;
+  int depth;  // of calls that are clearing one
+};
+[[gnu::tls_model("initial-exec")]] thread_local ValuesToClear g_values_to_clear;
+
+// False without memory.
+bool let_wait(ValuesToClear& values, const VARIANT& value) {
+  if (values.count == values.capacity) {
+    const std::size_t capacity = std::max<std::size_t>(16, 2 * values.count);
+    void* const grown =
+        std::realloc(values.waiting, capacity * sizeof(VARIANT));
+    if (grown == nullptr) return false;
+    values.waiting = static_cast<VARIANT*>(grown);
+    values.capacity = capacity;
+  }
+  values.waiting[values.count++] = value;
+  return true;
+}
+
+// Clears a value, or leaves it to the outermost call that is clearing one.
+void clear_in_turn(VARIANT* value) {
+  constexpr int kDeepest = 64;
+  ValuesToClear& values = g_values_to_clear;
+  // Without memory the calls become deep after all.
+  if (values.depth >= kDeepest && let_wait(values, *value)) {
+    value->vt = VT_EMPTY;
+    return;
+  }
+  ++values.depth;
+  VariantClear(value);
+  if (values.depth == 1) {
+    while (values.count != 0) {
+      VARIANT next = values.waiting[--values.count];
+      VariantClear(&next);
+    }
+    std::free(std::exchange(values.waiting, nullptr));
+    values.capacity = 0;
+  }
+  --values.depth;
+}
+
 // A parameter's values, shared by all objects over it and by its command.
 struct DbParameter {
   std::wstring name;
@@ -1333,6 +1381,13 @@ struct DbParameter {
   std::int64_t direction = 0;
   std::int64_t size = 0;
   _variant_t value;
+
+  DbParameter() = default;
+  DbParameter(const DbParameter&) = delete;
+  DbParameter& operator=(const DbParameter&) = delete;
+  ~DbParameter() {
+    if (value.vt != VT_EMPTY) clear_in_turn(&value);
+  }
 };
 static_assert(sizeof(DbParameter) == 72);
 

@@ -17,6 +17,7 @@
 
 #include "zirdb_odbc.h"
 
+#include <pthread.h>
 #include <sql.h>
 #include <sqlext.h>
 
@@ -94,6 +95,19 @@ std::string odbc_diag_message(SQLSMALLINT handle_type, SQLHANDLE handle) {
 // ---------------------------------------------------------------------------
 // Handles
 // ---------------------------------------------------------------------------
+
+// Keeps its thread from being cancelled. Cancelling would leave the driver
+// manager in the middle of a call, with its locks held.
+class NoCancellation {
+ public:
+  NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  NoCancellation(const NoCancellation&) = delete;
+  NoCancellation& operator=(const NoCancellation&) = delete;
+  ~NoCancellation() { pthread_setcancelstate(before_, nullptr); }
+
+ private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
 
 // Owns one ODBC handle, or none.
 template <SQLSMALLINT kType>
@@ -873,6 +887,7 @@ bool zirdb_odbc_open(const std::string& connection_string, void** handle_out,
   };
 
   if (handle_out == nullptr) return fail("handle_out is required");
+  const NoCancellation no_cancellation;
   *handle_out = nullptr;
   auto record = std::make_unique<ZirdbOdbcHandle>();
   if (!record->env.allocate(SQL_NULL_HANDLE)) {
@@ -896,6 +911,7 @@ bool zirdb_odbc_open(const std::string& connection_string, void** handle_out,
 }
 
 void zirdb_odbc_close(void* handle_ptr) {
+  const NoCancellation no_cancellation;
   const std::unique_ptr<ZirdbOdbcHandle> record(
       static_cast<ZirdbOdbcHandle*>(handle_ptr));
   if (record && record->dbc.get() != SQL_NULL_HANDLE) {
@@ -907,6 +923,7 @@ bool zirdb_odbc_execute_into(void* handle_ptr, const std::string& sql,
                              std::vector<ZirdbOdbcParameter>* parameters,
                              ZirdbOdbcSink& sink, std::int64_t& rows_affected,
                              std::string& error) {
+  const NoCancellation no_cancellation;
   rows_affected = 0;
   error.clear();
   const auto& handle = *static_cast<ZirdbOdbcHandle*>(handle_ptr);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -249,6 +250,67 @@ TEST(ParameterValue, MayTakeTheParameterAlongWhenItIsLetGo) {
   EXPECT_EQ(parameter.get()->put_Value(text_value(L"new")), S_OK);
   EXPECT_FALSE(parameter);
   EXPECT_EQ(object.references(), 1U);
+}
+
+TEST(ChainOfParameters, IsLetGoHoweverLongItIs) {
+  const std::uint32_t before = workbench::objects_alive();
+  objects::Unknown object;
+  {
+    auto last = parameter_with(_variant_t(static_cast<IUnknown*>(&object)));
+    for (int i = 0; i < 300'000; ++i) {
+      last = parameter_with(_variant_t(
+          component::query<IDispatch>(last.get(), IID_IDispatch).get()));
+    }
+    EXPECT_EQ(object.references(), 2U);
+  }
+  EXPECT_EQ(object.references(), 1U);
+  EXPECT_EQ(workbench::objects_alive(), before);
+}
+
+// Each step goes through an array.
+TEST(ChainOfParameters, IsLetGoThroughArrays) {
+  const std::uint32_t before = workbench::objects_alive();
+  objects::Unknown object;
+  {
+    auto last = parameter_with(_variant_t(static_cast<IUnknown*>(&object)));
+    for (int i = 0; i < 100'000; ++i) {
+      const _variant_t in_array = script_array({_variant_t(
+          component::query<IDispatch>(last.get(), IID_IDispatch).get())});
+      last = parameter_with(in_array);
+    }
+    EXPECT_EQ(object.references(), 2U);
+  }
+  EXPECT_EQ(object.references(), 1U);
+  EXPECT_EQ(workbench::objects_alive(), before);
+}
+
+// What comes late may let go of chains of its own.
+TEST(ChainOfParameters, MayLetGoOfAnotherAtItsEnd) {
+  const std::uint32_t before = workbench::objects_alive();
+  objects::Unknown object;
+  auto other = parameter_with(_variant_t(static_cast<IUnknown*>(&object)));
+  objects::Unknown last_of_all;
+  int released = 0;
+  last_of_all.on_release = [&] {
+    other = {};
+    ++released;
+  };
+  {
+    auto last =
+        parameter_with(_variant_t(static_cast<IUnknown*>(&last_of_all)));
+    released = 0;
+    for (int i = 0; i < 1'000; ++i) {
+      other = parameter_with(_variant_t(
+          component::query<IDispatch>(other.get(), IID_IDispatch).get()));
+      last = parameter_with(_variant_t(
+          component::query<IDispatch>(last.get(), IID_IDispatch).get()));
+    }
+  }
+  EXPECT_EQ(released, 1);
+  EXPECT_EQ(object.references(), 1U);
+  EXPECT_EQ(last_of_all.references(), 1U);
+  EXPECT_EQ(workbench::objects_alive(), before);
+  last_of_all.on_release = {};
 }
 
 // ---------------------------------------------------------------------------
