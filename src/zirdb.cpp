@@ -277,8 +277,9 @@ void populate_excepinfo_from_db_error(EXCEPINFO* info, HRESULT hr,
 }
 
 // The code for the exception being handled. What an operation had recorded
-// before it no longer applies.
-HRESULT code_of_exception() {
+// before it no longer applies. What a cancelled thread throws is no object:
+// nothing may look at it.
+__attribute__((no_sanitize("null"))) HRESULT code_of_exception() {
   clear_db_error();
   try {
     throw;
@@ -706,6 +707,20 @@ struct Cell {
 };
 static_assert(sizeof(Cell) == 16 && std::is_trivial_v<Cell>);
 
+// What was made of `utf8`, up to a zero that it holds: a zero may be written in
+// two bytes or more, and a text ends at it all the same.
+BSTR until_zero(BSTR text, const char* utf8) {
+  const std::size_t size = SysStringLen(text);
+  // Nothing, or without longer sequences, as most texts are.
+  if (size == 0 || utf8[size] == '\0') return text;
+  const auto* const zero = std::wmemchr(text, L'\0', size);
+  if (zero == nullptr) return text;
+  const _bstr_t whole(text, false);
+  wchar_t* const cut = allocate_bstr(static_cast<std::size_t>(zero - text));
+  std::wmemcpy(cut, text, static_cast<std::size_t>(zero - text));
+  return cut;
+}
+
 // Makes a value of a cell, into an `out` that owns nothing. E_OUTOFMEMORY or
 // std::bad_alloc.
 HRESULT copy_cell(const Cell& cell, VARIANT* out) {
@@ -723,7 +738,7 @@ HRESULT copy_cell(const Cell& cell, VARIANT* out) {
       out->dblVal = cell.double_value;
       return S_OK;
     case ZirdbOdbcValueKind::Text:
-      out->bstrVal = bstr_from_utf8(cell.text);
+      out->bstrVal = until_zero(bstr_from_utf8(cell.text), cell.text);
       out->vt = VT_BSTR;
       return S_OK;
     case ZirdbOdbcValueKind::Binary:

@@ -18,7 +18,7 @@
 //  - Every execution owns its statement handle and fetches everything before it
 //    returns. No cursor stays open, so calls on one connection never interfere.
 //  - A connection serves one thread at a time. Separate connections share
-//    nothing.
+//    nothing. A thread that is cancelled inside of a call finishes it first.
 
 #ifndef ZIRDB_ODBC_H
 #define ZIRDB_ODBC_H
