@@ -916,7 +916,11 @@ void deepen(VARIANT* copy) {
   switch (copy->vt) {
     case VT_UNKNOWN:
     case VT_DISPATCH:
-      if (copy->punkVal != nullptr) copy->punkVal->AddRef();
+      // A host's object may throw, and what it did not count is not owned.
+      if (IUnknown* const object = std::exchange(copy->punkVal, nullptr)) {
+        object->AddRef();
+        copy->punkVal = object;
+      }
       break;
     case VT_LPSTR:
       if (const char* const text = copy->pszVal; text != nullptr) {
