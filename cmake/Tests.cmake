@@ -42,6 +42,31 @@ endforeach()
   endif()
 endfunction()
 
+# zirdb_discover_long(program LABELS label... [PREFIX text] [FILTER pattern]
+#                     [LIST name] [ENVIRONMENT name=value...]
+#                     [PROPERTIES property value...])
+# The long form (support/long_form.h) of a program's tests, "long/...", besides
+# what zirdb_discover makes of them. Only of a plain build: sanitizers would make
+# hours of it.
+function(zirdb_discover_long program)
+  if(ZIRDB_SANITIZE OR ZIRDB_COVERAGE)
+    return()
+  endif()
+  cmake_parse_arguments(arg "" "PREFIX;FILTER;LIST"
+                        "LABELS;ENVIRONMENT;PROPERTIES" ${ARGN})
+  if(NOT arg_LIST)
+    set(arg_LIST ${program}_LONG_TESTS)
+  endif()
+  zirdb_discover(
+    ${program}
+    PREFIX "long/${arg_PREFIX}"
+    FILTER "${arg_FILTER}"
+    LIST ${arg_LIST}
+    LABELS slow ${arg_LABELS}
+    ENVIRONMENT "ZIRDB_LONG=1" ${arg_ENVIRONMENT}
+    PROPERTIES TIMEOUT 600 ${arg_PROPERTIES})
+endfunction()
+
 # zirdb_sanitizer_preload(variable): what LD_PRELOAD must be for an interpreter
 # that loads the library. Its sanitizers have to be there before the interpreter,
 # which was built without, and so has the C++ runtime whose exceptions they look

@@ -14,6 +14,10 @@ target_link_libraries(
   zirdb_component_workbench
   PRIVATE zirdb_warnings zirdb_instrumentation
   PUBLIC "${ZIRDB_ODBC_LIBRARY}" "${ZIRDB_UUID_LIBRARY}" ${CMAKE_DL_LIBS})
+# It is the library that is tested here, so it is built as the library is.
+if(NOT ZIRDB_SANITIZE AND NOT ZIRDB_COVERAGE)
+  target_compile_options(zirdb_component_workbench PRIVATE -O2)
+endif()
 
 # zirdb_workbench_program(name SOURCES file...): a GoogleTest program with the
 # workbench built in.
@@ -21,7 +25,7 @@ function(zirdb_workbench_program name)
   cmake_parse_arguments(arg "" "" "SOURCES" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(
-    ${name} PRIVATE zirdb_warnings zirdb_instrumentation
+    ${name} PRIVATE zirdb_warnings zirdb_tests_instrumentation
                     zirdb_component_workbench GTest::gtest GTest::gtest_main)
 endfunction()
 

@@ -51,7 +51,7 @@ foreach(face driver stand_in)
   target_link_libraries(
     scripted_face_${face}
     PUBLIC zirdb::zirdb GTest::gtest
-    PRIVATE zirdb_warnings zirdb_instrumentation ${CMAKE_DL_LIBS})
+    PRIVATE zirdb_warnings zirdb_tests_instrumentation ${CMAKE_DL_LIBS})
 endforeach()
 
 # zirdb_scripted_test(name SOURCES file... [LABELS label...]
@@ -75,7 +75,7 @@ function(zirdb_scripted_test name)
   target_include_directories(${name}_objects SYSTEM
                              PRIVATE "${ZIRDB_ODBC_INCLUDE_DIR}")
   target_link_libraries(
-    ${name}_objects PRIVATE zirdb_warnings zirdb_instrumentation zirdb::zirdb
+    ${name}_objects PRIVATE zirdb_warnings zirdb_tests_instrumentation zirdb::zirdb
                             ${arg_LIBRARIES} GTest::gtest)
   foreach(face ${faces})
     set(prefix ${face}/)

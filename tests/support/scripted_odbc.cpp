@@ -33,6 +33,7 @@ constexpr std::array<std::string_view, 15> kEntryPoints = {
     "SQLGetData",     "SQLRowCount",      "SQLGetDiagRec"};
 
 void check_where(std::string_view where) {
+  if (where == any_call) return;
   const std::string_view name = where.substr(0, where.find('('));
   if (std::find(kEntryPoints.begin(), kEntryPoints.end(), name) ==
       kEntryPoints.end()) {
@@ -41,6 +42,7 @@ void check_where(std::string_view where) {
 }
 
 bool is_called(const Call& call, std::string_view where) {
+  if (where == any_call) return call.name != "SQLGetDiagRec";
   return call.name == where || call.label == where;
 }
 
@@ -464,7 +466,8 @@ std::variant<Reply, DiagReply> Engine::decide(
 }
 
 SQLRETURN Engine::serve(Call call, std::optional<HandleType> type,
-                        SQLHANDLE handle, const Effect& effect) {
+                        SQLHANDLE handle, const Effect& effect,
+                        const Report& report) {
   std::unique_lock<std::mutex> lock(mutex_);
   for (Argument& each : call.arguments) {
     if (each.name == "handle" || each.name == "input" || each.name == "env" ||
@@ -495,6 +498,7 @@ SQLRETURN Engine::serve(Call call, std::optional<HandleType> type,
     const SQLRETURN code = effect(*target);
     // "Every fetch succeeds with info" still ends after the last row.
     if (!SQL_SUCCEEDED(code)) return finish(code);
+    if (reply.reported && report) report(*reply.reported);
     if (!reply.code && reply.diagnostics.records().empty()) return finish(code);
     target->diagnostics = reply.diagnostics.records();
     return finish(reply.code.value_or(code));
@@ -758,7 +762,7 @@ SQLRETURN Engine::num_result_cols(SQLHSTMT statement, SQLSMALLINT* count) {
             {},
             {number("statement", 0), pointer("count", count)},
             SQL_SUCCESS};
-  return serve(std::move(call), HandleType::kStmt, statement, [&](Handle& s) {
+  const Effect effect = [&](Handle& s) {
     int columns = 0;
     if (s.result) {
       columns = s.result->column_count.value_or(
@@ -766,7 +770,11 @@ SQLRETURN Engine::num_result_cols(SQLHSTMT statement, SQLSMALLINT* count) {
     }
     store(count, static_cast<SQLSMALLINT>(columns));
     return SQL_SUCCESS;
-  });
+  };
+  return serve(std::move(call), HandleType::kStmt, statement, effect,
+               [&](SQLLEN reported) {
+                 store(count, static_cast<SQLSMALLINT>(reported));
+               });
 }
 
 SQLRETURN Engine::describe_col(SQLHSTMT statement, SQLUSMALLINT column,
@@ -782,7 +790,7 @@ SQLRETURN Engine::describe_col(SQLHSTMT statement, SQLUSMALLINT column,
        pointer("type", type), pointer("size", size), pointer("digits", digits),
        pointer("nullable", nullable)},
       SQL_SUCCESS};
-  return serve(std::move(call), HandleType::kStmt, statement, [&](Handle& s) {
+  const Effect effect = [&](Handle& s) {
     if (!s.result || column == 0 || column > s.result->columns.size()) {
       s.diagnostics = {{"07009", 0, "invalid descriptor index"}};
       return static_cast<SQLRETURN>(SQL_ERROR);
@@ -807,7 +815,11 @@ SQLRETURN Engine::describe_col(SQLHSTMT statement, SQLUSMALLINT column,
     }
     s.diagnostics = {{"01004", 0, "data truncated"}};
     return static_cast<SQLRETURN>(SQL_SUCCESS_WITH_INFO);
-  });
+  };
+  return serve(std::move(call), HandleType::kStmt, statement, effect,
+               [&](SQLLEN reported) {
+                 store(name_length, static_cast<SQLSMALLINT>(reported));
+               });
 }
 
 SQLRETURN Engine::fetch(SQLHSTMT statement) {
@@ -836,7 +848,7 @@ SQLRETURN Engine::get_data(SQLHSTMT statement, SQLUSMALLINT column,
        bytes("buffer", buffer, buffer_size(buffer_length)),
        number("buffer_length", buffer_length), indicator_argument(indicator)},
       SQL_SUCCESS};
-  return serve(std::move(call), HandleType::kStmt, statement, [&](Handle& s) {
+  const Effect effect = [&](Handle& s) {
     if (!s.on_row) {
       s.diagnostics = {{"24000", 0, "invalid cursor state"}};
       return static_cast<SQLRETURN>(SQL_ERROR);
@@ -853,7 +865,9 @@ SQLRETURN Engine::get_data(SQLHSTMT statement, SQLUSMALLINT column,
     }
     return read_cell(s, row[column - 1U], c_type, buffer, buffer_length,
                      indicator);
-  });
+  };
+  return serve(std::move(call), HandleType::kStmt, statement, effect,
+               [&](SQLLEN reported) { store(indicator, reported); });
 }
 
 SQLRETURN Engine::row_count(SQLHSTMT statement, SQLLEN* count) {
@@ -861,14 +875,16 @@ SQLRETURN Engine::row_count(SQLHSTMT statement, SQLLEN* count) {
             {},
             {number("statement", 0), pointer("count", count)},
             SQL_SUCCESS};
-  return serve(std::move(call), HandleType::kStmt, statement, [&](Handle& s) {
+  const Effect effect = [&](Handle& s) {
     SQLLEN rows = 0;
     if (s.result) {
       rows = s.result->row_count.value_or(s.result->columns.empty() ? 0 : -1);
     }
     store(count, rows);
     return SQL_SUCCESS;
-  });
+  };
+  return serve(std::move(call), HandleType::kStmt, statement, effect,
+               [&](SQLLEN reported) { store(count, reported); });
 }
 
 SQLRETURN Engine::get_diag_rec(SQLSMALLINT type, SQLHANDLE handle,
@@ -1037,6 +1053,11 @@ Script& Script::returns(std::string where, Nth which, int code,
   return *this;
 }
 
+Script& Script::answers(std::string where, Nth which, Reply reply) {
+  engine_->add_rule(std::move(where), which.number, std::move(reply));
+  return *this;
+}
+
 Script& Script::on(std::string where,
                    std::function<std::optional<Reply>(const Call&)> handler) {
   engine_->add_rule(std::move(where), 0, std::move(handler));
@@ -1097,8 +1118,9 @@ std::size_t Script::count(std::string_view where) const {
 }
 
 std::vector<std::string> Script::labels() const {
+  const std::lock_guard<std::mutex> lock(engine_->mutex_);
   std::vector<std::string> all;
-  for (const Call& call : calls()) all.push_back(call.label);
+  for (const auto& [id, call] : engine_->log_) all.push_back(call.label);
   return all;
 }
 

@@ -230,6 +230,9 @@ struct ResultSet {
 // Replies
 // ---------------------------------------------------------------------------
 
+/// For `where`: see Script.
+inline constexpr const char* any_call = "*";
+
 /// Selects one call: the n-th matching call after the rule was added, from 1.
 struct Nth {
   int number;
@@ -239,10 +242,16 @@ inline Nth nth(int number) { return {number}; }
 /// What a call answers. With `perform` it does its ordinary work first (opens
 /// the cursor, writes buffers, ...) and `code` and `diagnostics` replace those
 /// of a success; without it they are all there is (SQL_ERROR if no code).
+///
+/// `reported` replaces the number that a call which did its work told its
+/// caller: the indicator of SQLGetData, the name length of SQLDescribeCol, the
+/// count of SQLNumResultCols and SQLRowCount, cut to the width of each. Other
+/// calls tell none.
 struct Reply {
   bool perform = true;
   std::optional<SQLRETURN> code = std::nullopt;
   Diagnostics diagnostics = {};
+  std::optional<SQLLEN> reported = std::nullopt;
 };
 
 /// What SQLGetDiagRec does, word for word: `state` and `message` are written
@@ -360,8 +369,9 @@ struct Sent {
 /// `where` names calls as the log labels them: "SQLFetch" is every fetch,
 /// "SQLAllocHandle(DBC)" the allocation of connections, "SQLBindParameter(2)"
 /// the bind of parameter 2, "SQLDescribeCol(3)" and "SQLGetData(3)" those of
-/// column 3, "SQLGetDiagRec(1)" the first record. ENV, DBC and STMT are the
-/// handle types. An unknown entry point throws std::invalid_argument. Of
+/// column 3, "SQLGetDiagRec(1)" the first record; `any_call` is every call but
+/// SQLGetDiagRec, which only asks about the one before. ENV, DBC and STMT are
+/// the handle types. An unknown entry point throws std::invalid_argument. Of
 /// several rules that match, the one added last decides.
 class Script {
  public:
@@ -395,6 +405,8 @@ class Script {
   Script& returns(std::string where, int code, Diagnostics diagnostics = {});
   Script& returns(std::string where, Nth which, int code,
                   Diagnostics diagnostics = {});
+  /// The call answers all that can be said of it.
+  Script& answers(std::string where, Nth which, Reply reply);
   /// Asks `handler` at every such call; nullopt leaves it to the other rules.
   /// It may use the script, and block without holding up other threads.
   Script& on(std::string where,

@@ -107,6 +107,8 @@ class Engine {
   using Output = std::variant<Cell, Raw>;
   using Answer = std::variant<Reply, Handler, DiagReply>;
   using Effect = std::function<SQLRETURN(Handle&)>;
+  /// Replaces the number that a call told its caller.
+  using Report = std::function<void(SQLLEN)>;
 
   struct Rule {
     std::string where;
@@ -123,7 +125,7 @@ class Engine {
   Handle* find(std::optional<HandleType> type, SQLHANDLE handle,
                const std::string& label);
   SQLRETURN serve(Call call, std::optional<HandleType> type, SQLHANDLE handle,
-                  const Effect& effect);
+                  const Effect& effect, const Report& report = nullptr);
   std::variant<Reply, DiagReply> decide(const Call& call,
                                         std::unique_lock<std::mutex>& lock);
   void complain(std::string text) { complaints_.push_back(std::move(text)); }

@@ -110,6 +110,43 @@ TEST_F(StandIn, AChunkThatDoesNotFitIsAComplaintAndIsCut) {
             "a chunk of 1025 bytes for a buffer of 1024");
 }
 
+TEST_F(StandIn, AnyCallIsEveryOneButTheQuestionForARecord) {
+  void* const connection = open();
+  script().answers(any_call, nth(2),
+                   {false, SQL_ERROR, {"HY000", 7, "second"}});
+  script().answers(any_call, nth(3), {false, SQL_INVALID_HANDLE});
+  script().clear_log();
+
+  ZirdbOdbcResult result;
+  EXPECT_FALSE(zirdb_odbc_execute(connection, "select", &result));
+
+  EXPECT_EQ(script().labels(), (std::vector<std::string>{
+                                   "SQLAllocHandle(STMT)", "SQLExecDirect",
+                                   "SQLGetDiagRec(1)", "SQLFreeHandle(STMT)"}));
+  EXPECT_EQ(script().call("SQLExecDirect").result, SQL_ERROR);
+  EXPECT_EQ(result.error, "HY000: second");
+  EXPECT_EQ(script().call("SQLFreeHandle(STMT)").result, SQL_INVALID_HANDLE);
+}
+
+TEST_F(StandIn, CallsTellTheNumbersTheyAreGivenAndDoTheirWork) {
+  script().columns({{"number", SQL_INTEGER}, {"text", SQL_VARCHAR}});
+  script().rows(2, {cell(1), cell("text")});
+  script().answers("SQLNumResultCols", nth(1), {true, {}, {}, 1});
+  script().answers("SQLDescribeCol(1)", nth(1), {true, {}, {}, 3});
+  script().answers("SQLGetData(1)", nth(2), {true, {}, {}, SQL_NULL_DATA});
+  script().answers("SQLRowCount", nth(1), {true, {}, {}, 42});
+
+  ZirdbOdbcResult result;
+  ASSERT_TRUE(zirdb_odbc_execute(open(), "select", &result)) << result.error;
+
+  ASSERT_EQ(result.columns.size(), 1U);
+  EXPECT_EQ(result.columns[0].name, "num");
+  ASSERT_EQ(result.rows.size(), 2U);
+  EXPECT_EQ(result.rows[0].at(0).int64_value, 1);
+  EXPECT_EQ(result.rows[1].at(0).kind, ZirdbOdbcValueKind::Null);
+  EXPECT_EQ(result.rows_affected, 42);
+}
+
 TEST_F(StandIn, AMisspeltEntryPointIsRefused) {
   EXPECT_THROW(script().fail("SQLFetsch", SQL_ERROR), std::invalid_argument);
 }
