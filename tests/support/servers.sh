@@ -6,9 +6,11 @@
 #   servers.sh start  <postgres|mariadb> <workdir>
 #   servers.sh stop   <postgres|mariadb> <workdir>
 #   servers.sh halt   <postgres|mariadb> <workdir>
+#   servers.sh kill   <postgres|mariadb> <workdir>
 #   servers.sh resume <postgres|mariadb> <workdir>
 #
-# `halt` stops a server and keeps its folder; `resume` runs it there again.
+# `halt` stops a server and keeps its folder, `kill` does so without a warning,
+# as a crash would; `resume` runs it there again.
 #
 # A server lives in a temporary folder of its own and is reached through a unix
 # socket in it, never through the network. `start` leaves in <workdir>
@@ -34,7 +36,8 @@ readonly life_seconds="${ZIRDB_SERVER_SECONDS:-3600}"
 readonly exit_skipped=77
 
 usage() {
-  echo "usage: servers.sh start|stop|halt|resume postgres|mariadb <workdir>" >&2
+  echo "usage: servers.sh start|stop|halt|kill|resume postgres|mariadb" \
+    "<workdir>" >&2
   exit 2
 }
 
@@ -194,6 +197,31 @@ halt_server() {
   end_server "$folder" "$pid"
 }
 
+children_of() {
+  cat "/proc/$1/task/$1/children"
+}
+
+# The server with all its processes. Stopped first, it starts no more of them,
+# and no number of one that ended is given to a process of somebody else's.
+kill_server() {
+  local folder pid server child waited=0
+  read_state
+  is_ours "$pid" "$folder" || fail "$kind does not run"
+  server="$(children_of "$pid")"
+  server="${server% }"
+  touch "$folder/halted"
+  kill -s STOP "$server"
+  for child in $(children_of "$server"); do
+    kill -s KILL "$child"
+  done
+  kill -s KILL "$server"
+  while is_ours "$pid" "$folder"; do
+    [[ $waited -lt 100 ]] || fail "$kind (pid $pid) does not end"
+    sleep 0.1
+    waited=$((waited + 1))
+  done
+}
+
 resume_server() {
   local pid
   read_state # `folder` is where the server is run
@@ -319,6 +347,7 @@ case "$action" in
     ;;
   stop) stop_server ;;
   halt) halt_server ;;
+  kill) kill_server ;;
   resume) resume_server ;;
   *) usage ;;
 esac
