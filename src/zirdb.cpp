@@ -276,6 +276,12 @@ void populate_excepinfo_from_db_error(EXCEPINFO* info, HRESULT hr,
   }
 }
 
+// Deliberate: whatever breaks a call off is a failure, also with a code that
+// says otherwise.
+HRESULT failure_of(const _com_error& error) {
+  return FAILED(error.Error()) ? error.Error() : E_FAIL;
+}
+
 // The code for the exception being handled. What an operation had recorded
 // before it no longer applies. What a cancelled thread throws is no object:
 // nothing may look at it.
@@ -284,7 +290,7 @@ __attribute__((no_sanitize("null"))) HRESULT code_of_exception() {
   try {
     throw;
   } catch (const _com_error& error) {
-    return error.Error();
+    return failure_of(error);
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   } catch (const std::length_error&) {
@@ -1295,7 +1301,7 @@ class AutomationObject : public Interface, public IDispatch {
     } catch (const _com_error& error) {
       clear_db_error();
       return error.Error() == E_INVALIDARG ? DISP_E_BADPARAMCOUNT
-                                           : error.Error();
+                                           : failure_of(error);
     } catch (...) {
       return call.raise(code_of_exception());
     }
