@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 #
-# Fuzzes the runtime: one target or all of them in turn, for so many seconds
+# Fuzzes the library: one target or all of them in turn, for so many seconds
 # each. Knows what earlier runs learned; a find is left in
 # build/dev/tests/fuzz/finds/TARGET, and running the target's program on that
 # file repeats it.

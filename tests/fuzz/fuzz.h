@@ -196,48 +196,6 @@ inline std::string encode_utf8(wchar_t unit) {
   return bytes;
 }
 
-/// Calls `converter` as `input` says (capacity, alignment, no destination) and
-/// compares with `model(text, capacity)`.
-template <class To, class From, class Model>
-void check_converter(Input input,
-                     std::size_t (*converter)(To*, std::size_t, const From*),
-                     Model model) {
-  const std::uint8_t mode = input.byte();
-  const std::size_t capacity_byte = input.byte();
-  const std::size_t offset = mode & 15;
-  const bool no_destination = (mode & 0xF0) == 0x10;
-  const auto text = [&] {
-    if constexpr (sizeof(From) == 1) {
-      return until_zero(input.bytes(SIZE_MAX));
-    } else {
-      return until_zero(input.units<From>(SIZE_MAX));
-    }
-  }();
-  // Around what the text needs, where the rules change, as often as anywhere.
-  const std::size_t needed = model(text, 0).result;
-  const std::size_t near = needed + 3 - std::min(needed + 3, capacity_byte % 9);
-  const std::size_t capacity = (mode & 0x80) == 0 ? capacity_byte : near;
-  const ExactText<From> source(text, offset);
-
-  const Conversion<To> expected = model(text, no_destination ? 0 : capacity);
-  constexpr To kUntouched = static_cast<To>(0x5A5A5A5A);
-  std::vector<To> whole(capacity, kUntouched);
-  for (std::size_t i = 0; i < expected.written.size(); ++i) {
-    whole[i] = expected.written[i];
-  }
-  if (expected.zero_at != SIZE_MAX) whole[expected.zero_at] = 0;
-
-  const std::unique_ptr<To[]> buffer(new To[capacity]);
-  for (std::size_t i = 0; i < capacity; ++i) buffer[i] = kUntouched;
-  const std::size_t result = converter(no_destination ? nullptr : buffer.get(),
-                                       capacity, source.get());
-  check(result == expected.result, "the result");
-  for (std::size_t i = 0; i < capacity; ++i) {
-    check(buffer[i] == (no_destination ? kUntouched : whole[i]),
-          "a unit of the buffer");
-  }
-}
-
 }  // namespace fuzz
 
 #endif  // ZIRDB_TESTS_FUZZ_FUZZ_H
