@@ -41,9 +41,11 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -866,61 +868,13 @@ SAFEARRAY* SafeArrayCreateVector(VARTYPE type, LONG lower_bound,
 
 namespace {
 
-// The arrays around the one whose elements are being walked, outermost first.
-// Arrays nest as deep as a script cares to nest them, which must not become
-// calls as deep. There is room for some; beyond, it takes memory.
-template <class Level>
-class Levels {
- public:
-  Levels() = default;
-  Levels(const Levels&) = delete;
-  Levels& operator=(const Levels&) = delete;
-
-  bool empty() const { return depth_ == 0; }
-  std::size_t depth() const { return depth_; }
-  Level& innermost() { return levels_[depth_ - 1]; }
-
-  // False without memory, and nothing has changed.
-  bool enter(const Level& level) {
-    if (depth_ == capacity_ && !grow()) return false;
-    levels_[depth_++] = level;
-    return true;
-  }
-  void leave() { --depth_; }
-
- private:
-  static_assert(std::is_trivially_copyable_v<Level>);
-  static constexpr std::size_t kInPlace = 32;
-
-  bool grow() {
-    Block grown(std::malloc(2 * capacity_ * sizeof(Level)));
-    if (grown == nullptr) return false;
-    std::memcpy(grown.get(), levels_, depth_ * sizeof(Level));
-    grown_ = std::move(grown);
-    levels_ = static_cast<Level*>(grown_.get());
-    capacity_ *= 2;
-    return true;
-  }
-
-  // NOLINTNEXTLINE(*-member-init): written before it is read
-  Level in_place_[kInPlace];
-  Block grown_;
-  Level* levels_ = in_place_;
-  std::size_t depth_ = 0;
-  std::size_t capacity_ = kInPlace;
-};
-
 // Makes a bitwise copy of a value other than a VT_BSTR or an array a copy of
 // its own.
 void deepen(VARIANT* copy) {
   switch (copy->vt) {
     case VT_UNKNOWN:
     case VT_DISPATCH:
-      // A host's object may throw, and what it did not count is not owned.
-      if (IUnknown* const object = std::exchange(copy->punkVal, nullptr)) {
-        object->AddRef();
-        copy->punkVal = object;
-      }
+      if (copy->punkVal != nullptr) copy->punkVal->AddRef();
       break;
     case VT_LPSTR:
       if (const char* const text = copy->pszVal; text != nullptr) {
@@ -957,28 +911,21 @@ void release_payload(VARTYPE vt, VARIANT* value) {
   }
 }
 
-// An array on its way out.
-struct Destroyed {
-  SAFEARRAY* array;
-  std::uint64_t next;
-  std::uint64_t count;  // of values that are to be cleared
-};
-
-// Frees an array's strings; its values are the caller's to clear.
-Destroyed begin_to_destroy(SAFEARRAY* array) {
+// Locks an array that is on its way out and frees its strings. The number of
+// its values, which are the caller's to clear.
+std::uint64_t begin_to_destroy(SAFEARRAY* array) {
   // An element that is released may reach for the array once more.
   array->cLocks = 1;
-  Destroyed level = {array, 0, 0};
   if ((array->fFeatures & FADF_VARIANT) != 0) {
-    if (array->pvData == nullptr || !element_count(array, level.count)) {
-      level.count = 0;
-    }
-  } else if ((array->fFeatures & FADF_BSTR) != 0) {
+    std::uint64_t count = 0;
+    return array->pvData != nullptr && element_count(array, count) ? count : 0;
+  }
+  if ((array->fFeatures & FADF_BSTR) != 0) {
     for_each_element<BSTR>(array, [](BSTR& string, std::uint64_t) {
       free_string(std::exchange(string, nullptr));
     });
   }
-  return level;
+  return 0;
 }
 
 void end_destroying(SAFEARRAY* array) {
@@ -989,19 +936,39 @@ void end_destroying(SAFEARRAY* array) {
   }
 }
 
+// Where an array's destruction goes on when that of one of its elements, an
+// array in turn, is through. Arrays nest as deep as a script cares to nest
+// them, which must become neither calls as deep nor a need for memory: it is
+// kept in the first element, which is the first to be cleared and stays Empty.
+struct Outer {
+  VARTYPE empty;
+  std::uint16_t next_low;
+  std::uint32_t next_high;
+  SAFEARRAY* outer;
+};
+static_assert(sizeof(Outer) == sizeof(VARIANT) &&
+              offsetof(VARIANT, vt) == offsetof(Outer, empty));
+
 // Destroys an array that is not locked and all that it holds, in the order of
 // the elements.
-void destroy(SAFEARRAY* outermost) {
-  Levels<Destroyed> levels;
-  levels.enter(begin_to_destroy(outermost));
-  while (!levels.empty()) {
-    Destroyed& level = levels.innermost();
-    if (level.next == level.count) {
-      end_destroying(level.array);
-      levels.leave();
+void destroy(SAFEARRAY* array) {
+  SAFEARRAY* outer = nullptr;
+  std::uint64_t count = begin_to_destroy(array);
+  std::uint64_t next = 0;
+  for (;;) {
+    if (next == count) {
+      end_destroying(array);
+      if (outer == nullptr) return;
+      array = outer;
+      Outer kept;
+      std::memcpy(&kept, array->pvData, sizeof kept);
+      static_cast<VARIANT*>(array->pvData)[0] = VARIANT();
+      next = std::uint64_t{kept.next_high} << 16 | kept.next_low;
+      outer = kept.outer;
+      element_count(array, count);
       continue;
     }
-    VARIANT& value = static_cast<VARIANT*>(level.array->pvData)[level.next++];
+    VARIANT& value = static_cast<VARIANT*>(array->pvData)[next++];
     const VARTYPE vt = std::exchange(value.vt, VARTYPE{VT_EMPTY});
     if (vt == VT_BSTR) {
       free_string(value.bstrVal);
@@ -1009,18 +976,29 @@ void destroy(SAFEARRAY* outermost) {
       release_payload(vt, &value);
     } else if (SAFEARRAY* const inner = value.parray;
                inner != nullptr && inner->cLocks == 0) {
-      // Without memory the calls become deep after all.
-      if (!levels.enter(begin_to_destroy(inner))) destroy(inner);
+      const std::uint64_t inner_count = begin_to_destroy(inner);
+      if (inner_count == 0) {
+        end_destroying(inner);
+        continue;
+      }
+      // No address space has elements for more than these 48 bits.
+      const Outer kept = {VT_EMPTY, static_cast<std::uint16_t>(next),
+                          static_cast<std::uint32_t>(next >> 16), outer};
+      std::memcpy(array->pvData, &kept, sizeof kept);
+      outer = array;
+      array = inner;
+      count = inner_count;
+      next = 0;
     }
   }
 }
 
 // An array whose values are being copied.
 struct Copied {
-  SAFEARRAY* from;
-  SAFEARRAY* to;
-  std::uint64_t next;
-  std::uint64_t count;
+  const VARIANT* from;
+  VARIANT* to;
+  std::uint64_t left;
+  const SAFEARRAY* array;
 };
 
 // A copy of an array with everything but its values, which are Empty.
@@ -1038,10 +1016,11 @@ HRESULT begin_to_copy(SAFEARRAY* array, SAFEARRAY** copy, Copied* level) {
   *copy = make_descriptor(array->cDims, array->fFeatures, array->cbElements,
                           std::move(block), bounds_of(array));
   if (*copy == nullptr) return E_OUTOFMEMORY;
-  *level = {array, *copy, 0, 0};
+  *level = {};
   if (array->pvData == nullptr) return S_OK;
   if (variants) {
-    level->count = count;
+    *level = {static_cast<const VARIANT*>(array->pvData),
+              static_cast<VARIANT*>(elements), count, array};
   } else if (strings) {
     for_each_element<BSTR>(array, [elements](BSTR string, std::uint64_t i) {
       static_cast<BSTR*>(elements)[i] = SysAllocString(string);
@@ -1052,42 +1031,105 @@ HRESULT begin_to_copy(SAFEARRAY* array, SAFEARRAY** copy, Copied* level) {
   return S_OK;
 }
 
-// Copies the values of an array and of all that are in them. What there is no
-// memory for stays NULL.
-void copy_values(const Copied& outermost) {
-  Levels<Copied> levels;
-  levels.enter(outermost);
-  // An array that comes up in itself has no end. Looking for it among all the
-  // levels would take too long: one that is remembered at depths that double is
-  // met again in time.
-  const SAFEARRAY* remembered = outermost.from;
-  std::size_t remembered_at = levels.depth();
-  while (!levels.empty()) {
-    Copied& level = levels.innermost();
-    if (level.next == level.count) {
-      levels.leave();
-      if (levels.depth() < remembered_at) remembered = nullptr;
-      continue;
+// The arrays around the one whose values are being copied. One that comes up in
+// itself has no end, so all of them are known.
+class CopiedLevels {
+ public:
+  CopiedLevels() { levels_.reserve(kSearched); }
+
+  Copied& innermost() { return levels_.back(); }
+  bool empty() const { return levels_.empty(); }
+
+  bool has(const SAFEARRAY* array) const {
+    const auto end = levels_.begin() + static_cast<std::ptrdiff_t>(
+                                           std::min(levels_.size(), kSearched));
+    return std::any_of(
+               levels_.begin(), end,
+               [array](const Copied& level) { return level.array == array; }) ||
+           further_.count(array) != 0;
+  }
+
+  // Throws std::bad_alloc, and nothing has changed.
+  void enter(const Copied& level) {
+    levels_.push_back(level);
+    if (levels_.size() <= kSearched) return;
+    try {
+      further_.insert(level.array);
+    } catch (...) {
+      levels_.pop_back();
+      throw;
     }
-    const std::uint64_t i = level.next++;
-    VARIANT& value = static_cast<VARIANT*>(level.to->pvData)[i];
-    value = static_cast<VARIANT*>(level.from->pvData)[i];
+  }
+  void leave() {
+    if (levels_.size() > kSearched) further_.erase(levels_.back().array);
+    levels_.pop_back();
+  }
+
+ private:
+  // Few enough to be looked through, one by one.
+  static constexpr std::size_t kSearched = 16;
+  std::vector<Copied> levels_;
+  std::set<const SAFEARRAY*> further_;  // the array of each level behind those
+};
+
+// Makes a copy of an array within the array of `levels` and enters it; NULL for
+// one that has no end, and without memory.
+SAFEARRAY* copy_inner(SAFEARRAY* inner, CopiedLevels& levels) {
+  if (levels.has(inner)) return nullptr;
+  SAFEARRAY* copy = nullptr;
+  Copied level = {};
+  if (FAILED(begin_to_copy(inner, &copy, &level)) || level.left == 0) {
+    return copy;
+  }
+  try {
+    levels.enter(level);
+  } catch (const std::bad_alloc&) {
+    SafeArrayDestroy(copy);
+    return nullptr;
+  }
+  return copy;
+}
+
+// Copies the values of an array and of all that are in them, one level after
+// the other. What there is no memory for stays NULL; std::bad_alloc when there
+// is none to begin with.
+void copy_values(const Copied& outermost) {
+  const auto copy_simple = [](VARIANT value, VARIANT* to) {
+    // A host's object may throw, and what it did not count is not owned.
     if (value.vt == VT_BSTR) {
       copy_string(&value);
-    } else if ((value.vt & VT_ARRAY) == 0) {
+    } else {
       deepen(&value);
-    } else if (SAFEARRAY* const inner = std::exchange(value.parray, nullptr);
-               inner != nullptr && inner != remembered) {
-      Copied next = {};
-      if (FAILED(begin_to_copy(inner, &value.parray, &next))) continue;
-      if (!levels.enter(next)) {
-        // Without memory the calls become deep after all.
-        copy_values(next);
-      } else if (levels.depth() >= 2 * remembered_at) {
-        remembered = inner;
-        remembered_at = levels.depth();
-      }
     }
+    *to = value;
+  };
+  Copied level = outermost;
+  const auto copy_until_array = [&level, copy_simple] {
+    while (level.left != 0 && (level.from->vt & VT_ARRAY) == 0) {
+      copy_simple(*level.from++, level.to++);
+      --level.left;
+    }
+    return level.left != 0;
+  };
+  // Most arrays hold none, and need no levels.
+  if (!copy_until_array()) return;
+  CopiedLevels levels;
+  levels.enter(level);
+  for (;;) {
+    level = levels.innermost();
+    const bool at_array = copy_until_array();
+    if (!at_array) {
+      levels.leave();
+      if (levels.empty()) return;
+      continue;
+    }
+    VARIANT* const to = level.to++;
+    const VARIANT value = *level.from++;
+    --level.left;
+    levels.innermost() = level;
+    *to = value;
+    to->parray = nullptr;
+    if (value.parray != nullptr) to->parray = copy_inner(value.parray, levels);
   }
 }
 
@@ -1105,8 +1147,17 @@ HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) {
   *copy = nullptr;
   Copied level = {};
   const HRESULT result = begin_to_copy(array, copy, &level);
-  if (SUCCEEDED(result)) copy_values(level);
-  return result;
+  if (FAILED(result)) return result;
+  try {
+    copy_values(level);
+    return S_OK;
+  } catch (const std::bad_alloc&) {
+    SafeArrayDestroy(std::exchange(*copy, nullptr));
+    return E_OUTOFMEMORY;
+  } catch (...) {  // out of a host's object
+    SafeArrayDestroy(std::exchange(*copy, nullptr));
+    throw;
+  }
 }
 
 namespace {
@@ -1191,15 +1242,16 @@ HRESULT VariantClear(VARIANT* value) {
 
 HRESULT VariantCopy(VARIANT* destination, const VARIANT* source) {
   if (destination->vt != VT_EMPTY) clear(destination);
-  *destination = *source;
-  if (source->vt == VT_BSTR) {
-    copy_string(destination);
-  } else if ((source->vt & VT_ARRAY) == 0) {
-    deepen(destination);
-  } else if (source->parray != nullptr) {
-    destination->parray = nullptr;
-    SafeArrayCopy(source->parray, &destination->parray);
+  // A host's object may throw, and what it did not count is not owned.
+  VARIANT copy = *source;
+  if (copy.vt == VT_BSTR) {
+    copy_string(&copy);
+  } else if ((copy.vt & VT_ARRAY) == 0) {
+    deepen(&copy);
+  } else if (SAFEARRAY* const array = std::exchange(copy.parray, nullptr)) {
+    SafeArrayCopy(array, &copy.parray);
   }
+  *destination = copy;
   return S_OK;
 }
 

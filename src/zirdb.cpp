@@ -29,7 +29,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
@@ -1350,50 +1349,76 @@ Object* own(Interface* object) {
 
 // Values that hold objects, cleared one after the other. The last reference to
 // a parameter may be what another one holds as its value, and so on for as long
-// as a script cares to go on, which must not become calls as deep.
-struct ValuesToClear {
-  VARIANT* waiting;
-  std::size_t count;
-  std::size_t capacity;
-  int depth;  // of calls that are clearing one
-};
-[[gnu::tls_model("initial-exec")]] thread_local ValuesToClear g_values_to_clear;
-
-// False without memory.
-bool let_wait(ValuesToClear& values, const VARIANT& value) {
-  if (values.count == values.capacity) {
-    const std::size_t capacity = std::max<std::size_t>(16, 2 * values.count);
-    void* const grown =
-        std::realloc(values.waiting, capacity * sizeof(VARIANT));
-    if (grown == nullptr) return false;
-    values.waiting = static_cast<VARIANT*>(grown);
-    values.capacity = capacity;
+// as a script cares to go on, which must not become calls as deep. While one
+// value is cleared, and so many within it, others wait.
+class ValuesToClear {
+ public:
+  // Clears a value, or leaves it to the outermost call that is clearing one.
+  static void clear(VARIANT* value) noexcept {
+    if (g_current == nullptr) {
+      ValuesToClear values;
+      g_current = &values;
+      VariantClear(value);
+      values.clear_waiting();
+      g_current = nullptr;
+      return;
+    }
+    ValuesToClear& values = *g_current;
+    // Without memory for many, the calls become deep after all.
+    if (values.depth_ >= kDeepest && values.let_wait(*value)) {
+      value->vt = VT_EMPTY;
+      return;
+    }
+    ++values.depth_;
+    VariantClear(value);
+    --values.depth_;
   }
-  values.waiting[values.count++] = value;
-  return true;
-}
 
-// Clears a value, or leaves it to the outermost call that is clearing one.
-void clear_in_turn(VARIANT* value) {
-  constexpr int kDeepest = 64;
-  ValuesToClear& values = g_values_to_clear;
-  // Without memory the calls become deep after all.
-  if (values.depth >= kDeepest && let_wait(values, *value)) {
-    value->vt = VT_EMPTY;
-    return;
+ private:
+  ValuesToClear() = default;
+
+  static constexpr int kDeepest = 64;
+  // For a chain, however long, where one value waits at a time.
+  static constexpr std::size_t kInPlace = 16;
+
+  // False without memory.
+  bool let_wait(const VARIANT& value) noexcept {
+    if (count_ < kInPlace) {
+      in_place_[count_++] = value;
+      return true;
+    }
+    try {
+      further_.push_back(value);
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
   }
-  ++values.depth;
-  VariantClear(value);
-  if (values.depth == 1) {
-    while (values.count != 0) {
-      VARIANT next = values.waiting[--values.count];
+
+  void clear_waiting() noexcept {
+    for (;;) {
+      VARIANT next;
+      if (!further_.empty()) {
+        next = further_.back();
+        further_.pop_back();
+      } else if (count_ != 0) {
+        next = in_place_[--count_];
+      } else {
+        return;
+      }
       VariantClear(&next);
     }
-    std::free(std::exchange(values.waiting, nullptr));
-    values.capacity = 0;
   }
-  --values.depth;
-}
+
+  [[gnu::tls_model(
+      "initial-exec")]] static thread_local ValuesToClear* g_current;
+
+  int depth_ = 0;
+  std::size_t count_ = 0;
+  VARIANT in_place_[kInPlace] = {};
+  std::vector<VARIANT> further_;
+};
+thread_local ValuesToClear* ValuesToClear::g_current = nullptr;
 
 // A parameter's values, shared by all objects over it and by its command.
 struct DbParameter {
@@ -1407,7 +1432,10 @@ struct DbParameter {
   DbParameter(const DbParameter&) = delete;
   DbParameter& operator=(const DbParameter&) = delete;
   ~DbParameter() {
-    if (value.vt != VT_EMPTY) clear_in_turn(&value);
+    const bool may_hold_objects = value.vt == VT_DISPATCH ||
+                                  value.vt == VT_UNKNOWN ||
+                                  (value.vt & VT_ARRAY) != 0;
+    if (may_hold_objects) ValuesToClear::clear(&value);
   }
 };
 static_assert(sizeof(DbParameter) == 72);

@@ -427,21 +427,18 @@ TEST(NoMemory, AnAppendThatNeedsNoneSucceeds) {
             2);
 }
 
-TEST(NoMemory, AChainOfParametersIsLetGoAllTheSame) {
+TEST(NoMemory, AChainOfParametersIsLetGoHoweverLongItIs) {
   const std::uint32_t before = workbench::objects_alive();
-  everywhere([before](Attempt& attempt) {
-    auto last = workbench::parameter(L"p", 0, 0, 0, _variant_t());
-    for (int i = 0; i < 200; ++i) {
-      const auto object =
-          component::query<IDispatch>(last.get(), IID_IDispatch);
-      last = workbench::parameter(L"p", 0, 0, 0, _variant_t(object.get()));
-    }
-    attempt.run([&last] {
-      last = {};
-      return S_OK;
-    });
-    EXPECT_EQ(workbench::objects_alive(), before);
-  });
+  auto last = workbench::parameter(L"p", 0, 0, 0, _variant_t());
+  for (int i = 0; i < 100'000; ++i) {
+    const auto object = component::query<IDispatch>(last.get(), IID_IDispatch);
+    last = workbench::parameter(L"p", 0, 0, 0, _variant_t(object.get()));
+  }
+  {
+    const allocator::Watch watch(allocator::Fail::AllFromThere, 1);
+    last = {};
+  }
+  EXPECT_EQ(workbench::objects_alive(), before);
 }
 
 // ---------------------------------------------------------------------------

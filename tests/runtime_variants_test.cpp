@@ -324,6 +324,65 @@ TEST(VariantCopy, AnObjectGainsAReference) {
   EXPECT_EQ(dispatch.references(), 1U);
 }
 
+/// Clears `destination` whenever it is counted, or throws.
+class Interfering final : public IUnknown {
+ public:
+  HRESULT QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  std::uint32_t AddRef() override {
+    if (throws) throw 5;
+    ++references;
+    if (destination != nullptr) VariantClear(destination);
+    return references;
+  }
+  std::uint32_t Release() override { return --references; }
+
+  std::uint32_t references = 1;
+  VARIANT* destination = nullptr;
+  bool throws = false;
+};
+
+TEST(VariantCopy, AnObjectMayClearTheDestinationWhileItIsCounted) {
+  Interfering object;
+  VARIANT source = {};
+  source.vt = VT_UNKNOWN;
+  source.punkVal = &object;
+  {
+    _variant_t copy;
+    object.destination = &copy;
+    EXPECT_EQ(VariantCopy(&copy, &source), S_OK);
+    object.destination = nullptr;
+    EXPECT_EQ(copy.vt, VT_UNKNOWN);
+    EXPECT_EQ(object.references, 2U);
+  }
+  EXPECT_EQ(object.references, 1U);
+}
+
+TEST(VariantCopy, AnObjectThatIsNotCountedIsNotOwned) {
+  Interfering object;
+  VARIANT source = {};
+  source.vt = VT_UNKNOWN;
+  source.punkVal = &object;
+  object.throws = true;
+  {
+    _variant_t copy(5LL);
+    EXPECT_THROW(VariantCopy(&copy, &source), int);
+    EXPECT_EQ(copy.vt, VT_EMPTY);
+  }
+  {
+    SAFEARRAY* const array = SafeArrayCreateVector(VT_VARIANT, 0, 2);
+    auto* const elements = static_cast<VARIANT*>(array->pvData);
+    elements[0].vt = VT_BSTR;
+    elements[0].bstrVal = SysAllocString(L"text");
+    elements[1] = source;
+    SAFEARRAY* copy = nullptr;
+    EXPECT_THROW(SafeArrayCopy(array, &copy), int);
+    EXPECT_EQ(copy, nullptr);
+    elements[1].vt = VT_EMPTY;
+    EXPECT_EQ(SafeArrayDestroy(array), S_OK);
+  }
+  EXPECT_EQ(object.references, 1U);
+}
+
 TEST(VariantCopy, NoObjectStaysNone) {
   for (const VARENUM vt : {VT_UNKNOWN, VT_DISPATCH}) {
     const VARIANT source = raw(vt, nullptr);

@@ -18,6 +18,8 @@ target_link_libraries(scripted_odbc PRIVATE zirdb_warnings
 target_link_options(scripted_odbc PRIVATE LINKER:-Bsymbolic LINKER:-z,defs)
 set_target_properties(scripted_odbc PROPERTIES LIBRARY_OUTPUT_DIRECTORY
                                                "${scripted_folder}")
+# Tests wait for it tens of thousands of times.
+target_compile_options(scripted_odbc PRIVATE -O1)
 file(CONFIGURE
      OUTPUT "${scripted_folder}/scripted_odbc_ini/odbcinst.ini"
      CONTENT "[Scripted]
@@ -48,6 +50,7 @@ foreach(face driver stand_in)
                              PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
   target_include_directories(scripted_face_${face} SYSTEM
                              PUBLIC "${ZIRDB_ODBC_INCLUDE_DIR}")
+  target_compile_options(scripted_face_${face} PRIVATE -O1)
   target_link_libraries(
     scripted_face_${face}
     PUBLIC zirdb::zirdb GTest::gtest
