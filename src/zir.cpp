@@ -960,7 +960,7 @@ void destroy(SAFEARRAY* array) {
       end_destroying(array);
       if (outer == nullptr) return;
       array = outer;
-      Outer kept;
+      Outer kept = {};
       std::memcpy(&kept, array->pvData, sizeof kept);
       static_cast<VARIANT*>(array->pvData)[0] = VARIANT();
       next = std::uint64_t{kept.next_high} << 16 | kept.next_low;
@@ -2333,6 +2333,7 @@ HRESULT CLSIDFromProgID(const wchar_t* program_id, CLSID* clsid) try {
       std::fopen(path.c_str(), "r"), close);
   if (file == nullptr) return CO_E_CLASSSTRING;
   constexpr int kFields = 11;
+  // NOLINTNEXTLINE(cert-err34-c): eleven fields or nothing
   const int read = std::fscanf(
       file.get(), "{%8x-%4hx-%4hx-%2hhx%2hhx-%2hhx%2hhx%2hhx%2hhx%2hhx%2hhx}",
       &clsid->Data1, &clsid->Data2, &clsid->Data3, &clsid->Data4[0],

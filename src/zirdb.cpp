@@ -287,6 +287,7 @@ HRESULT failure_of(const _com_error& error) {
 __attribute__((no_sanitize("null"))) HRESULT code_of_exception() {
   clear_db_error();
   try {
+    // cppcheck-suppress rethrowNoCurrentException  // a handler calls this
     throw;
   } catch (const _com_error& error) {
     return failure_of(error);
@@ -1397,7 +1398,7 @@ class ValuesToClear {
 
   void clear_waiting() noexcept {
     for (;;) {
-      VARIANT next;
+      VARIANT next = {};
       if (!further_.empty()) {
         next = further_.back();
         further_.pop_back();

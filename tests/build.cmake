@@ -82,6 +82,8 @@ ${arg_ENVIRONMENT}"
               "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}")
   # Minutes on an idle machine; the others are done in seconds.
   set_tests_properties(lint.clang_tidy PROPERTIES TIMEOUT 1200)
+  zirdb_check(lint.cppcheck lint "${checks}/cppcheck.sh"
+              "${PROJECT_SOURCE_DIR}")
   zirdb_check(lint.shellcheck lint "${checks}/shellcheck.sh"
               "${PROJECT_SOURCE_DIR}")
 endif()

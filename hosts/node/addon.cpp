@@ -1483,6 +1483,7 @@ IID cpp_iid(napi_env env, napi_value value) {
                                         &count));
   IID iid = {};
   std::uint8_t* const tail = iid.Data4;
+  // cppcheck-suppress invalidScanfArgType_int  // Data4 is of bytes
   // NOLINTNEXTLINE(cert-err34-c): eleven fields or nothing
   if (std::sscanf(text.data(),
                   "{%8x-%4hx-%4hx-%2hhx%2hhx-%2hhx%2hhx%2hhx%2hhx%2hhx%2hhx}",
