@@ -58,7 +58,7 @@ namespace {
 HRESULT not_implemented(const char* function, int line, const wchar_t* detail,
                         HRESULT result) {
   std::printf("###%s: Implement here '%s' line %d. (%ls)\n", function, "zir",
-              line, detail);
+              line, detail != nullptr ? detail : L"(null)");
   return result;
 }
 

@@ -365,6 +365,15 @@ std::vector<Passage> passages() {
   return all;
 }
 
+/// The vtable's road is the late-bound one without its last step.
+std::vector<Passage> passages_of_their_own() {
+  std::vector<Passage> all;
+  for (const Passage& passage : passages()) {
+    if (std::get<Road>(passage) != Road::kVtable) all.push_back(passage);
+  }
+  return all;
+}
+
 class EveryCallOf : public ScriptedOdbc,
                     public testing::WithParamInterface<Passage> {
  protected:
@@ -445,7 +454,7 @@ TEST_P(EveryCallOf, AJourneyIsOneOfTheModels) {
 TEST_P(EveryCallOf, AJourneyFailsInItsOwnWayAndTheNextSucceeds) {
   for (int at = 1; at <= count(); ++at) {
     for (const Fault& fault : code_faults()) {
-      // The vtable's road is the late-bound one without its last step.
+      // One is enough: the rest is what the late-bound road shows.
       if (road() == Road::kVtable && fault.reply.code != SQL_ERROR) continue;
       if (can_answer(label(at), fault)) spoil(at, fault);
       if (HasFailure()) return;
@@ -453,8 +462,9 @@ TEST_P(EveryCallOf, AJourneyFailsInItsOwnWayAndTheNextSucceeds) {
   }
 }
 
-TEST_P(EveryCallOf, AJourneySurvivesAWrongNumber) {
-  if (road() == Road::kVtable) return;
+class EveryNumberOf : public EveryCallOf {};
+
+TEST_P(EveryNumberOf, AJourneySurvivesAWrongNumber) {
   for (int at = 1; at <= count(); ++at) {
     for (const Fault& fault : number_faults(label(at))) {
       spoil(at, fault);
@@ -465,6 +475,8 @@ TEST_P(EveryCallOf, AJourneySurvivesAWrongNumber) {
 
 INSTANTIATE_TEST_SUITE_P(Of, EveryCallOf, testing::ValuesIn(passages()),
                          name_of);
+INSTANTIATE_TEST_SUITE_P(Of, EveryNumberOf,
+                         testing::ValuesIn(passages_of_their_own()), name_of);
 
 // ---------------------------------------------------------------------------
 // What the driver writes into parameters
@@ -566,10 +578,16 @@ std::vector<Record> records() {
   };
 }
 
-TEST_P(EveryCallOf, AFailureIsToldAsFarAsItsRecordIsOne) {
-  // The driver manager asks for records itself; the vtable's road is the
-  // late-bound one.
-  if (is_driver() || road() == Road::kVtable) return;
+class EveryRecordOf : public EveryCallOf {};
+// The driver manager asks for records itself.
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EveryRecordOf);
+
+std::vector<Passage> passages_with_records() {
+  if (ScriptedOdbc::is_driver()) return {};
+  return passages_of_their_own();
+}
+
+TEST_P(EveryRecordOf, AFailureIsToldAsFarAsItsRecordIsOne) {
   const Fault failing = instead("fails", SQL_ERROR);
   // A name stands for all of its calls.
   std::set<std::string> told = {"SQLAllocHandle", "SQLRowCount",
@@ -590,6 +608,9 @@ TEST_P(EveryCallOf, AFailureIsToldAsFarAsItsRecordIsOne) {
     }
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Of, EveryRecordOf,
+                         testing::ValuesIn(passages_with_records()), name_of);
 
 // ---------------------------------------------------------------------------
 // Opening
@@ -799,9 +820,11 @@ TEST_P(EveryCallOfADoor, OpeningFailsInItsOwnWayAndLeavesTheDoorClosed) {
 // Closing
 // ---------------------------------------------------------------------------
 
-TEST_P(EveryCallOfADoor, ClosingSucceedsWhateverTheDriverSays) {
-  // The driver manager keeps a connection that does not disconnect.
-  if (is_driver()) return;
+class EveryCallOfAClosingDoor : public EveryCallOfADoor {};
+// The driver manager keeps a connection that does not disconnect.
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EveryCallOfAClosingDoor);
+
+TEST_P(EveryCallOfAClosingDoor, ClosingSucceedsWhateverTheDriverSays) {
   const Texts labels = {"SQLDisconnect", "SQLFreeHandle(DBC)",
                         "SQLFreeHandle(ENV)"};
   for (std::size_t at = 1; at <= labels.size(); ++at) {
@@ -837,14 +860,21 @@ TEST_P(EveryCallOfADoor, ClosingSucceedsWhateverTheDriverSays) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(By, EveryCallOfADoor,
-                         testing::Values(Road::kLateBound, Road::kVtable,
-                                         Road::kLayer),
-                         [](const auto& tested) {
-                           return std::string(
-                               tested.param == Road::kLateBound ? "LateBinding"
-                               : tested.param == Road::kVtable  ? "Vtable"
-                                                                : "Layer");
-                         });
+const std::vector<Road> kRoads = {Road::kLateBound, Road::kVtable,
+                                  Road::kLayer};
+
+std::string name_of_road(const testing::TestParamInfo<Road>& info) {
+  return info.param == Road::kLateBound ? "LateBinding"
+         : info.param == Road::kVtable  ? "Vtable"
+                                        : "Layer";
+}
+
+INSTANTIATE_TEST_SUITE_P(By, EveryCallOfADoor, testing::ValuesIn(kRoads),
+                         name_of_road);
+INSTANTIATE_TEST_SUITE_P(By, EveryCallOfAClosingDoor,
+                         testing::ValuesIn(ScriptedOdbc::is_driver()
+                                               ? std::vector<Road>()
+                                               : kRoads),
+                         name_of_road);
 
 }  // namespace

@@ -110,8 +110,8 @@ TEST_F(LoadNesting, AParameterTakesAndGivesNestedArrays) {
   });
 }
 
-// Arrays or not: the last release of the first takes all of them along.
-TEST_F(LoadNesting, ObjectsThatHoldEachOtherLikeArraysGoTogether) {
+// The last release of the first takes all of them along.
+TEST_F(LoadNesting, ObjectsThatHoldEachOtherGoTogether) {
   on_a_small_stack([] {
     const Object command = scripting::new_command();
     Object outermost = command.call("CreateParameter");
