@@ -10,8 +10,8 @@ source "$(dirname "$0")/common.sh"
 
 need "${build_packages[@]}" ccache libgtest-dev libbenchmark-dev \
   odbc-postgresql postgresql odbc-mariadb mariadb-server \
-  clang libclang-rt-dev clang-format clang-tidy shellcheck python3 \
-  libcli11-dev groff-base dpkg-dev file fakeroot pkgconf doxygen
+  clang libclang-rt-dev clang-format clang-tidy cppcheck valgrind shellcheck \
+  python3 libcli11-dev groff-base dpkg-dev file fakeroot pkgconf doxygen
 need_node
 need_node_packages || say "npm fails: the declarations are not checked"
 

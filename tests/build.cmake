@@ -53,7 +53,8 @@ ${arg_ENVIRONMENT}"
   zirdb_document_check(build.readme_program_runs README.md)
   zirdb_document_check(build.security_document_program_runs SECURITY.md)
   zirdb_document_check(build.node_document_program_runs hosts/node/README.md)
-  foreach(page quickstart runtime objects reference types errors limits drivers)
+  foreach(page quickstart runtime objects reference types errors limits drivers
+               reliability)
     zirdb_document_check(build.${page}_document_program_runs docs/${page}.md)
   endforeach()
   zirdb_document_check(
