@@ -586,7 +586,8 @@ ZIRDB_API HRESULT SafeArrayDestroy(SAFEARRAY* array);
 
 /// Stores a deep, unlocked copy, which the caller destroys. E_OUTOFMEMORY, with
 /// NULL stored, when there is no memory for its blocks; E_INVALIDARG for a NULL
-/// pointer.
+/// pointer. Arrays in it may nest as deep as memory goes; one that holds itself
+/// is NULL where it comes up again, and so is one for which there is no memory.
 ZIRDB_API HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy);
 
 /// The bound of a dimension, 1 being the first passed at creation. An empty

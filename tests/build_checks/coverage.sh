@@ -42,16 +42,17 @@ class Count:
         return f'{self.percent():6.2f} % ({self.reached} of {self.all})'
 
 
+STATEMENT = re.compile(r' *(if|for|while|switch|return|throw|else|case|}|//|:)')
+
+
 def function_of(text, number):
     """The name of the function that a line is in, by what stands above it."""
     for line in reversed(text[:number]):
-        if re.match(r' {0,2}[A-Za-z_~][^;]*\(', line) and not line.endswith(';'):
-            names = re.findall(r'([\w:~]+)\(', line)
-            names = [name for name in names if name not in
-                     ('__attribute__', 'no_sanitize', 'if', 'for', 'while',
-                      'switch', 'catch')]
-            if names:
-                return names[0]
+        if re.match(r' {0,2}[A-Za-z_~]', line) and not STATEMENT.match(line):
+            line = re.sub(r'__attribute__\(\(.*?\)\)+', '', line)
+            name = re.search(r'([\w~]+)\(', line)
+            if name and not line.endswith(';'):
+                return name[1]
     return ''
 
 

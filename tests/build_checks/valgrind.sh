@@ -17,12 +17,12 @@ command -v valgrind >/dev/null || { echo "skipped: no valgrind" && exit 77; }
 # Prints what the program and memcheck said.
 check() {
   local program=$1 filter=$2 environment=$3
-  # Long tests repeat what short ones do; a child that a test starts is a
-  # program of its own.
+  # Long forms repeat what short ones do. What is unloaded keeps its names.
   # shellcheck disable=SC2086  # words
-  env -u ZIRDB_LONG $environment valgrind --quiet --error-exitcode=99 --leak-check=full \
-    --show-leak-kinds=definite --errors-for-leak-kinds=definite \
-    --num-callers=25 --suppressions="$tests/support/valgrind.supp" \
+  env -u ZIRDB_LONG $environment valgrind --quiet --error-exitcode=99 \
+    --leak-check=full --show-leak-kinds=definite \
+    --errors-for-leak-kinds=definite --num-callers=25 --keep-debuginfo=yes \
+    --suppressions="$tests/support/valgrind.supp" \
     "$program" --gtest_brief=1 --gtest_filter="$filter"
 }
 
