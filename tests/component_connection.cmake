@@ -17,7 +17,9 @@ target_include_directories(component_connection_costs_test SYSTEM
                            PRIVATE "${ZIRDB_ODBC_INCLUDE_DIR}")
 set_target_properties(component_connection_costs_test PROPERTIES ENABLE_EXPORTS
                                                                  ON)
-zirdb_discover(component_connection_costs_test LABELS component)
+# Measures time, of which neighbours that fill the caches take their share.
+zirdb_discover(component_connection_costs_test LABELS component PROPERTIES
+               RUN_SERIAL ON)
 
 zirdb_workbench_program(component_connection_record_test SOURCES
                         component_connection_record_test.cpp)
