@@ -32,6 +32,9 @@ list(
   dying_servers_test
   misbehaving_processes_test
   misbehaving_signals_test)
+# It unloads libraries with what they still hold: the error records of threads
+# that go on, as it sets out to do, and whatever the driver manager keeps.
+list(APPEND valgrind_unsuitable misbehaving_links_test)
 
 # It compares the bytes between the members of a bound, which nobody writes.
 set(valgrind_without "SafeArrayCopy.TheSourceIsLeftAsItIs")
@@ -102,7 +105,6 @@ foreach(
   component_connection_values_test_stand_in
   component_enumerator_test
   component_factory_test
-  component_field_names_test
   component_fields_lifetime_test
   component_fields_members_test
   component_fields_test
@@ -145,6 +147,10 @@ zirdb_valgrind(component_parameters_test WITHOUT "*Calls.OfEveryShape*"
                "*Calls.Outside*")
 zirdb_valgrind(component_translation_test WITHOUT
                "*EveryValueUnderEveryDeclaredType" "*ReferencesStandFor*")
+zirdb_valgrind(faults_odbc_test_stand_in ONLY
+               "*EveryCallOf.*/PlainSelectBelowTheObjects")
+zirdb_valgrind(misbehaving_callbacks_test WITHOUT "Reentering*")
+zirdb_valgrind(misbehaving_pointers_test WITHOUT "*ChangeNoLateBoundAnswer")
 zirdb_valgrind(odbc_hostile_input_test_stand_in WITHOUT "*EveryLeadByte*"
                "*EveryLaterByte*" "*EveryCodePoint*")
 zirdb_valgrind(runtime_coercion_test WITHOUT "*NoOtherTargetExists")
@@ -152,6 +158,10 @@ zirdb_valgrind(runtime_converters_test WITHOUT "*Every*" "*Random*"
                "*Anywhere*")
 zirdb_valgrind(runtime_dates_test WITHOUT "EveryDay.*")
 zirdb_valgrind(runtime_operators_test WITHOUT "OfTypes/EveryPair.*")
+
+# Needs a locale that few machines have: skipped, it would show all as skipped.
+zirdb_valgrind(component_field_names_test WITHOUT
+               "*MayHaveAnotherSmallFormOfI")
 
 # For many rows, columns, pieces or parameters, or for long ones.
 zirdb_valgrind(component_field_values_test WITHOUT "*OfALongText*"

@@ -17,7 +17,8 @@ command -v valgrind >/dev/null || { echo "skipped: no valgrind" && exit 77; }
 # Prints what the program and memcheck said.
 check() {
   local program=$1 filter=$2 environment=$3
-  # Long forms repeat what short ones do. What is unloaded keeps its names.
+  # Long forms repeat what short ones do; drivers keep their names when they are
+  # unloaded.
   # shellcheck disable=SC2086  # words
   env -u ZIRDB_LONG $environment valgrind --quiet --error-exitcode=99 \
     --leak-check=full --show-leak-kinds=definite \
