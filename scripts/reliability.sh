@@ -8,6 +8,7 @@
 #        fuzz      every fuzz target, two at a time, FUZZ_SECONDS each (600)
 #        valgrind  every test program under memcheck
 #        coverage  lines and branches of src/, against the reviewed list
+#        lint      clang-tidy over everything, tests included
 #        threads   the thread tests under ThreadSanitizer, REPETITIONS times (5)
 set -euo pipefail
 # shellcheck source=scripts/common.sh
@@ -42,6 +43,12 @@ coverage() {
   scripts/coverage.sh
 }
 
+lint() {
+  need clang-tidy python3
+  build release
+  bash tests/build_checks/clang_tidy.sh . build/release all
+}
+
 threads() {
   build tsan
   ctest --preset tsan --repeat "until-fail:${REPETITIONS:-5}"
@@ -49,11 +56,11 @@ threads() {
 
 parts=("$@")
 if [ "${#parts[@]}" -eq 0 ]; then
-  parts=(load fuzz valgrind coverage threads)
+  parts=(load fuzz valgrind coverage lint threads)
 fi
 for part in "${parts[@]}"; do
   case $part in
-    load | fuzz | valgrind | coverage | threads) ;;
+    load | fuzz | valgrind | coverage | lint | threads) ;;
     *)
       echo "no part named $part" >&2
       exit 1

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 #
-# clang_tidy.sh ROOT BUILD: no finding in any compiled source of the project.
+# clang_tidy.sh ROOT BUILD [all]: no finding in any compiled source of the
+# project; in tests, which take many minutes, with "all" (reliability.sh).
 # Findings differ between releases, so only one judges.
 set -euo pipefail
 cd "$1"
@@ -39,10 +40,11 @@ with open(sys.argv[1]) as commands:
 END
 export -f judge
 export stamps tidy build
+folders=(src bench examples hosts tools)
+if [ "${3:-}" = all ]; then folders+=(tests); fi
 # What is not configured, for want of a library say, has no entry there.
 # shellcheck disable=SC2016  # the inner shell expands it
-find src tests bench examples hosts tools -name node_modules -prune -o \
-  -name '*.cpp' -print0 |
+find "${folders[@]}" -name node_modules -prune -o -name '*.cpp' -print0 |
   while IFS= read -r -d '' source; do
     if grep -qF "/$source\"" "$2/compile_commands.json"; then
       printf '%s\0' "$source"
